@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# dev.sh: set-up, build and test entry point of the ardvex tree.
+#   ./dev.sh test   install what is missing, build the debug, asan and fuzz presets and run
+#                   every test in each
+#   ./dev.sh run    install what is missing, build the release preset and run the metrics
+#                   client for real against a local HTTPS endpoint inside private namespaces
+#   ./dev.sh deps   only install the Debian packages the tree needs
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(build-essential cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
+          libbenchmark-dev libpcre3-dev libglib2.0-dev clang libclang-rt-14-dev curl openssl
+          python3 iproute2 util-linux procps)
+
+deps() {
+    local missing=()
+    for p in "${PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    if ((${#missing[@]})); then
+        echo "installing: ${missing[*]}"
+        if [ "$(id -u)" -ne 0 ]; then
+            echo "dev.sh: packages are missing and this is not root: ${missing[*]}" >&2
+            exit 1
+        fi
+        apt-get update -qq
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    fi
+}
+
+build() {
+    local preset=$1
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+}
+
+run_tests() {
+    local preset=$1
+    build "$preset"
+    ctest --preset "$preset" --output-on-failure -j"$(nproc)"
+}
+
+case "${1:-}" in
+    deps) deps ;;
+    test)
+        deps
+        run_tests debug
+        run_tests asan
+        run_tests fuzz
+        ;;
+    run)
+        deps
+        build release
+        exec tools/run-main-job.sh build/release
+        ;;
+    *)
+        sed -n '2,8p' "$0" >&2
+        exit 2
+        ;;
+esac

@@ -1,0 +1,143 @@
+/* ow_hashmap.h: the library's string-keyed map of byte values, iterated in insertion order.
+ *
+ * Conventions:
+ *  1. Keys are NUL-terminated strings that the map copies. Values are described by a
+ *     pointer-sized value word, a length and an optional free function; the map owns a value
+ *     only when it was asked to copy it (PAIR_FLAG_COPY), and releases a value it was handed
+ *     through the pair's free function.
+ *  2. Every failure writes one ERROR line (ow_log.h) naming the operation and returns false,
+ *     0 or NULL; nothing aborts. A missing key is no error for fetch, remove and rename, and
+ *     a present key is no error for store: they return false silently.
+ *  3. Keys and value words handed out are borrowed: valid until the pair is removed, renamed
+ *     (key), updated (value), or the map is cleared or destroyed.
+ *  4. Static maps (MAP_FLAG_STATIC) are compile-time constants: they can be fetched from and
+ *     iterated, and every changing operation refuses them.
+ *  5. A map and its iterators belong to one thread at a time.
+ *
+ * The records below are laid out field by field as the map file and the static-map generator
+ * expect; never reorder them.
+ *
+ * Iteration:
+ *     ow_map_iterator it;
+ *     const char* key;
+ *     void* value;
+ *     ow_map_iterator_init(&it, map);
+ *     while (ow_map_iterator_next(&it, &key, &value)) { ... }
+ */
+#ifndef OW_HASHMAP_H
+#define OW_HASHMAP_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "ow_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define MAP_FLAG_STATIC 0x1u /* constant map: every changing operation refuses it */
+#define PAIR_FLAG_COPY 0x1u  /* the value word points to a private copy the map owns */
+
+#define MAP_ITER_FLAG_STATIC 0x1u /* iterator over a static map's slot array */
+#define MAP_ITER_FLAG_END 0x2u    /* positioned past the end */
+
+typedef void (*ow_map_free_fn)(void* value);
+
+typedef struct hash_pair_t hash_pair_t;
+struct hash_pair_t {
+    uint32_t flags;         /* PAIR_FLAG_COPY */
+    uint32_t hash;          /* __super_fast_hash of the key bytes */
+    char* key;              /* the map's own copy of the key */
+    void* value;            /* pointer to the value bytes, or an inline typed value */
+    uint64_t length;        /* value length in bytes */
+    ow_map_free_fn freefn;  /* releases a handed-over value; may be NULL */
+    hash_pair_t* prev;      /* previous pair in insertion order */
+    hash_pair_t* next;      /* next pair in insertion order */
+};
+
+typedef struct ow_hashmap {
+    uint32_t flags;        /* MAP_FLAG_STATIC; other bits are carried along */
+    uint32_t num_buckets;  /* number of buckets */
+    uint32_t bucket_size;  /* slots per bucket; kept by growth */
+    uint32_t map_size;     /* num_buckets * bucket_size */
+    uint32_t num_pairs;    /* pairs held */
+    union {
+        hash_pair_t** pairs;              /* map_size slots, NULL while map_size is 0 */
+        hash_pair_t* const* const_pairs;  /* a static map's constant slot array */
+    };
+    hash_pair_t* first; /* oldest pair, or NULL */
+    hash_pair_t* last;  /* newest pair, or NULL */
+} ow_hashmap;
+
+typedef struct ow_map_iterator {
+    union {
+        hash_pair_t* first;               /* ordered map: its first pair at start */
+        hash_pair_t* const* const_pairs;  /* static map: the slot array */
+    };
+    union {
+        hash_pair_t* last; /* ordered map: its last pair at start */
+        struct {
+            uint32_t map_size; /* static map: slot count */
+            uint32_t index;    /* static map: current slot index */
+        } slot;
+    };
+    hash_pair_t* current; /* ordered map: the pair at the position, or NULL */
+    uint8_t flags;        /* MAP_ITER_FLAG_STATIC, MAP_ITER_FLAG_END */
+} ow_map_iterator;
+
+/* A new empty map, or NULL. (0, 0) is the usual call: the table (5 buckets of 13 slots) is
+ * then set up at the first store. Refuses dimensions whose product exceeds UINT32_MAX.
+ * Free with ow_map_destroy. */
+OW_API ow_hashmap* ow_map_create(uint32_t num_buckets, uint32_t bucket_size);
+/* Removes every pair (releasing values per convention 1); the table keeps its size. */
+OW_API bool ow_map_clear(ow_hashmap* map);
+/* Releases every pair, the table and the map. A NULL or static map is refused (logged). */
+OW_API void ow_map_destroy(ow_hashmap* map);
+/* Number of pairs; 0 for NULL. */
+OW_API uint32_t ow_map_count(const ow_hashmap* map);
+/* Adds key -> value. With copy set the map keeps its own copy of length bytes (freefn must
+ * then be NULL or free); otherwise it keeps the value word and calls freefn (if any) when
+ * the pair goes. Returns false if the key is present or on failure; after a failed store a
+ * caller-owned value is still the caller's. Grows the table when the key's bucket is full. */
+OW_API bool ow_map_store_ex(ow_hashmap* map, const char* key, void* value, uint64_t length,
+                            bool copy, ow_map_free_fn freefn);
+/* True if key is present; its value word is written to *value when value is not NULL. */
+OW_API bool ow_map_fetch(const ow_hashmap* map, const char* key, void** value);
+/* True if a pair was removed (its key, record and owned value released). */
+OW_API bool ow_map_remove(ow_hashmap* map, const char* key);
+/* Gives the pair of old_key the key new_key, keeping its place in iteration order. False if
+ * old_key is absent or new_key present (silently), or on failure. */
+OW_API bool ow_map_rename(ow_hashmap* map, const char* old_key, const char* new_key);
+/* Grows the table to the next prime bucket count; true if it grew. On failure the map is
+ * unchanged and holds every pair. */
+OW_API bool ow_map_rehash(ow_hashmap* map);
+/* The map's 32-bit hash of a string (0, logged, for NULL or ""). */
+OW_API uint32_t ow_map_hash(const char* key);
+
+/* A malloc'd iterator positioned before the first pair, or past the last for direction 1.
+ * Free with ow_map_iterator_end. */
+OW_API ow_map_iterator* ow_map_iterator_start_ex(const ow_hashmap* map, uint32_t direction);
+/* Positions caller-held iterator storage before the first pair. */
+OW_API void ow_map_iterator_init(ow_map_iterator* it, const ow_hashmap* map);
+/* Move to the next / previous pair; true and its borrowed key and value word (each out
+ * pointer may be NULL) if one was reached. */
+OW_API bool ow_map_iterator_next(ow_map_iterator* it, const char** key, void** value);
+OW_API bool ow_map_iterator_prev(ow_map_iterator* it, const char** key, void** value);
+/* As next / prev, without moving. */
+OW_API bool ow_map_iterator_peek_next(const ow_map_iterator* it, const char** key, void** value);
+OW_API bool ow_map_iterator_peek_prev(const ow_map_iterator* it, const char** key, void** value);
+/* The pair at the iterator's position, or NULL. */
+OW_API hash_pair_t* ow_map_iterator_cur(const ow_map_iterator* it);
+/* Frees an iterator from ow_map_iterator_start_ex; NULL is a no-op. */
+OW_API void ow_map_iterator_end(ow_map_iterator* it);
+/* The pair at a 0-based position in iteration order: true and its borrowed key and value
+ * word (each out pointer may be NULL). An index not below the count is refused (EINVAL). */
+OW_API bool ow_map_index(const ow_hashmap* map, uint32_t index, const char** key, void** value);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* OW_HASHMAP_H */

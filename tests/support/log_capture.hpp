@@ -1,0 +1,48 @@
+// log_capture.hpp: a log sink that keeps every line a test provokes, and a fixture that
+// installs it, so tests can assert the exact text of what a call wrote.
+#ifndef ARDVEX_TESTS_LOG_CAPTURE_HPP
+#define ARDVEX_TESTS_LOG_CAPTURE_HPP
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ow_test {
+
+struct log_line {
+    int priority;
+    std::string text;
+};
+
+// The sink: formats each call and appends it to the captured lines.
+void capture_sink(int priority, const char* format, ...);
+std::vector<log_line>& captured();
+
+// True when some captured line is an ERROR (or DEBUG) line of func carrying exactly message.
+bool has_error(const std::string& func, const std::string& message);
+bool has_debug(const std::string& func, const std::string& message);
+// Number of ERROR lines captured.
+std::size_t error_count();
+// All captured lines, one per line, for failure messages.
+std::string dump();
+
+// Installs the capturing sink, enables DEBUG lines for the test, and resets the allocation
+// failure injection on both ends of each test.
+class LogCaptureTest : public ::testing::Test {
+   protected:
+    void SetUp() override;
+    void TearDown() override;
+    const std::vector<log_line>& lines() const { return captured(); }
+    void clear_log() { captured().clear(); }
+};
+
+}  // namespace ow_test
+
+// EXPECT that an ERROR line of func with exactly msg was written.
+#define EXPECT_ERROR_LINE(func, msg) \
+    EXPECT_TRUE(::ow_test::has_error(func, msg)) << "log was:\n" << ::ow_test::dump()
+#define EXPECT_NO_ERRORS() \
+    EXPECT_EQ(::ow_test::error_count(), 0u) << "log was:\n" << ::ow_test::dump()
+
+#endif  // ARDVEX_TESTS_LOG_CAPTURE_HPP
