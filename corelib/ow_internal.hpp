@@ -30,10 +30,12 @@ constexpr const char* base_name(const char* path) noexcept {
 
 // Every module reports through these; the function named is the innermost enclosing
 // function, so call them from the public function itself, never from a lambda.
-#define OW_ERROR(...) \
-    ::ow_log_error(__func__, ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), __VA_ARGS__)
-#define OW_DEBUG(...) \
-    ::ow_log_debug(__func__, ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), __VA_ARGS__)
+#define OW_ERROR(...)                                                                    \
+    ::ow_log_error(__func__, ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), \
+                   __VA_ARGS__)
+#define OW_DEBUG(...)                                                                    \
+    ::ow_log_debug(__func__, ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), \
+                   __VA_ARGS__)
 // The system's text for an error number, the message most failure lines carry.
 #define OW_ERRNO(err) OW_ERROR("%s", ::strerror(err))
 #define OW_EINVAL() OW_ERRNO(EINVAL)

@@ -47,25 +47,25 @@ typedef void (*ow_map_free_fn)(void* value);
 
 typedef struct hash_pair_t hash_pair_t;
 struct hash_pair_t {
-    uint32_t flags;         /* PAIR_FLAG_COPY */
-    uint32_t hash;          /* __super_fast_hash of the key bytes */
-    char* key;              /* the map's own copy of the key */
-    void* value;            /* pointer to the value bytes, or an inline typed value */
-    uint64_t length;        /* value length in bytes */
-    ow_map_free_fn freefn;  /* releases a handed-over value; may be NULL */
-    hash_pair_t* prev;      /* previous pair in insertion order */
-    hash_pair_t* next;      /* next pair in insertion order */
+    uint32_t flags;        /* PAIR_FLAG_COPY */
+    uint32_t hash;         /* __super_fast_hash of the key bytes */
+    char* key;             /* the map's own copy of the key */
+    void* value;           /* pointer to the value bytes, or an inline typed value */
+    uint64_t length;       /* value length in bytes */
+    ow_map_free_fn freefn; /* releases a handed-over value; may be NULL */
+    hash_pair_t* prev;     /* previous pair in insertion order */
+    hash_pair_t* next;     /* next pair in insertion order */
 };
 
 typedef struct ow_hashmap {
-    uint32_t flags;        /* MAP_FLAG_STATIC; other bits are carried along */
-    uint32_t num_buckets;  /* number of buckets */
-    uint32_t bucket_size;  /* slots per bucket; kept by growth */
-    uint32_t map_size;     /* num_buckets * bucket_size */
-    uint32_t num_pairs;    /* pairs held */
+    uint32_t flags;       /* MAP_FLAG_STATIC; other bits are carried along */
+    uint32_t num_buckets; /* number of buckets */
+    uint32_t bucket_size; /* slots per bucket; kept by growth */
+    uint32_t map_size;    /* num_buckets * bucket_size */
+    uint32_t num_pairs;   /* pairs held */
     union {
-        hash_pair_t** pairs;              /* map_size slots, NULL while map_size is 0 */
-        hash_pair_t* const* const_pairs;  /* a static map's constant slot array */
+        hash_pair_t** pairs;             /* map_size slots, NULL while map_size is 0 */
+        hash_pair_t* const* const_pairs; /* a static map's constant slot array */
     };
     hash_pair_t* first; /* oldest pair, or NULL */
     hash_pair_t* last;  /* newest pair, or NULL */
@@ -73,8 +73,8 @@ typedef struct ow_hashmap {
 
 typedef struct ow_map_iterator {
     union {
-        hash_pair_t* first;               /* ordered map: its first pair at start */
-        hash_pair_t* const* const_pairs;  /* static map: the slot array */
+        hash_pair_t* first;              /* ordered map: its first pair at start */
+        hash_pair_t* const* const_pairs; /* static map: the slot array */
     };
     union {
         hash_pair_t* last; /* ordered map: its last pair at start */

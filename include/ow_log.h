@@ -39,11 +39,11 @@ OW_API void ow_set_oom_handler(ow_oom_handler_t handler);
 
 /* Writes an ERROR line naming func, file and line. Does nothing when func or format is NULL
  * or no sink is installed. */
-OW_API void ow_log_error(const char* func, const char* file, uint32_t line, const char* format,
-                         ...) OW_PRINTF(4, 5);
+OW_API void ow_log_error(const char* func, const char* file, uint32_t line, const char* format, ...)
+    OW_PRINTF(4, 5);
 /* Writes a DEBUG line when debugging is enabled (see convention 2). */
-OW_API void ow_log_debug(const char* func, const char* file, uint32_t line, const char* format,
-                         ...) OW_PRINTF(4, 5);
+OW_API void ow_log_debug(const char* func, const char* file, uint32_t line, const char* format, ...)
+    OW_PRINTF(4, 5);
 /* Writes an informational line: the bare message, no position prefix. */
 OW_API void ow_log_info(const char* format, ...) OW_PRINTF(1, 2);
 /* Writes the out-of-memory ERROR line (the system's text for ENOMEM), then calls the

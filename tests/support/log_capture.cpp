@@ -55,7 +55,8 @@ std::size_t error_count() {
 
 std::string dump() {
     std::string out;
-    for (const auto& l : captured()) out += "  <" + std::to_string(l.priority) + "> " + l.text + "\n";
+    for (const auto& l : captured())
+        out += "  <" + std::to_string(l.priority) + "> " + l.text + "\n";
     return out;
 }
 

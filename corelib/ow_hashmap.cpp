@@ -1,0 +1,742 @@
+// ow_hashmap: a bucketed open-addressing map from strings to byte values. A key's hash picks
+// a bucket, a fixed run of slots scanned linearly; a store that finds its bucket full grows
+// the whole table to the next prime bucket count. Independently of the table, every pair is
+// chained in insertion order, and iteration follows that chain, so a map enumerates its
+// pairs in the order they were stored across growth, renames, saving and loading.
+//
+// Growth and rename are all-or-nothing: the grown table is built completely beside the old
+// one and only swapped in once every pair is placed, and a rename makes room for its key
+// before it moves the pair, so a failure (out of memory in the middle of a nested growth)
+// leaves the map exactly as it was, with every pair reachable.
+#include "ow_hashmap.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "ow_internal.hpp"
+
+static_assert(sizeof(void*) == 8, "the map file and static maps assume 64-bit words");
+static_assert(offsetof(hash_pair_t, flags) == 0 && offsetof(hash_pair_t, hash) == 4 &&
+              offsetof(hash_pair_t, key) == 8 && offsetof(hash_pair_t, value) == 16 &&
+              offsetof(hash_pair_t, length) == 24 && offsetof(hash_pair_t, freefn) == 32 &&
+              offsetof(hash_pair_t, prev) == 40 && offsetof(hash_pair_t, next) == 48 &&
+              sizeof(hash_pair_t) == 56);
+static_assert(offsetof(ow_hashmap, flags) == 0 && offsetof(ow_hashmap, num_buckets) == 4 &&
+              offsetof(ow_hashmap, bucket_size) == 8 && offsetof(ow_hashmap, map_size) == 12 &&
+              offsetof(ow_hashmap, num_pairs) == 16 && offsetof(ow_hashmap, pairs) == 24 &&
+              offsetof(ow_hashmap, first) == 32 && offsetof(ow_hashmap, last) == 40 &&
+              sizeof(ow_hashmap) == 48);
+static_assert(offsetof(ow_map_iterator, first) == 0 && offsetof(ow_map_iterator, last) == 8 &&
+              offsetof(ow_map_iterator, slot.map_size) == 8 &&
+              offsetof(ow_map_iterator, slot.index) == 12 &&
+              offsetof(ow_map_iterator, current) == 16 && offsetof(ow_map_iterator, flags) == 24);
+
+namespace {
+
+// ----------------------------------------------------------------------------------------
+// Hashing and table geometry
+
+constexpr uint32_t kDefaultBuckets = 5;
+constexpr uint32_t kDefaultBucketSize = 13;
+
+// Bucket counts used by growth; the last entry (the largest prime below 2^32) is never chosen:
+// it marks the ceiling.
+constexpr uint32_t kPrimes[] = {
+    5,         11,        23,        47,         97,          199,        409,      823,
+    1741,      3469,      6949,      14033,      28411,       57557,      116731,   236897,
+    480881,    976369,    1982627,   4026031,    8175383,     16601593,   33712729, 68460391,
+    139022417, 282312799, 573292817, 1164186217, 2364114217u, 4294967291u};
+constexpr uint32_t kMaxBuckets = kPrimes[sizeof kPrimes / sizeof kPrimes[0] - 1];
+
+inline uint32_t get16(const unsigned char* p) noexcept {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8);
+}
+
+// SuperFastHash over the key bytes. Tail bytes are taken as unsigned values, so keys whose
+// length is not a multiple of 4 and whose tail holds bytes >= 0x80 hash differently from the
+// published reference, which sign-extends them; saved static maps depend on this choice.
+uint32_t __super_fast_hash(const char* data, size_t length) {
+    if (data == nullptr || length == 0) {
+        OW_EINVAL();
+        return 0;
+    }
+    const auto* d = reinterpret_cast<const unsigned char*>(data);
+    uint32_t h = static_cast<uint32_t>(length);
+    for (size_t blocks = length >> 2; blocks > 0; --blocks, d += 4) {
+        h += get16(d);
+        h ^= (h << 16) ^ (get16(d + 2) << 11);
+        h += h >> 11;
+    }
+    switch (length & 3) {
+        case 3:
+            h += get16(d);
+            h ^= h << 16;
+            h ^= static_cast<uint32_t>(d[2]) << 18;
+            h += h >> 11;
+            break;
+        case 2:
+            h += get16(d);
+            h ^= h << 11;
+            h += h >> 17;
+            break;
+        case 1:
+            h += d[0];
+            h ^= h << 10;
+            h += h >> 1;
+            break;
+        default:
+            break;
+    }
+    h ^= h << 3;
+    h += h >> 5;
+    h ^= h << 4;
+    h += h >> 17;
+    h ^= h << 25;
+    h += h >> 6;
+    return h;
+}
+
+// The map accepts the empty key as an ordinary key with hash 0; only direct calls of
+// ow_map_hash report it, so storing or fetching "" does not flood the log.
+inline uint32_t key_hash(const char* key) noexcept {
+    return key[0] == '\0' ? 0 : __super_fast_hash(key, std::strlen(key));
+}
+
+inline bool is_static(const ow_hashmap* map) noexcept {
+    return (map->flags & MAP_FLAG_STATIC) != 0;
+}
+
+inline bool pair_matches(const hash_pair_t* p, uint32_t hash, const char* key) noexcept {
+    return p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0;
+}
+
+// Index of the slot holding key, or -1. The table must exist.
+int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcept {
+    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
+    const uint64_t start = static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
+    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
+        if (pair_matches(map->const_pairs[i], hash, key)) return static_cast<int64_t>(i);
+    }
+    return -1;
+}
+
+// Index of the first empty slot of the bucket of hash, or -1.
+int64_t free_slot(const ow_hashmap* map, uint32_t hash) noexcept {
+    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
+    const uint64_t start = static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
+    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
+        if (map->pairs[i] == nullptr) return static_cast<int64_t>(i);
+    }
+    return -1;
+}
+
+// ----------------------------------------------------------------------------------------
+// Pairs
+
+hash_pair_t* __create_pair(const char* key, void* value, uint64_t length, bool copy,
+                           ow_map_free_fn freefn) {
+    auto* pair = static_cast<hash_pair_t*>(ow::mem_calloc(1, sizeof(hash_pair_t)));
+    if (pair == nullptr) return nullptr;
+    pair->freefn = freefn;
+    pair->hash = key_hash(key);
+    pair->key = ow::dup_cstr(key);
+    if (pair->key == nullptr) {
+        std::free(pair);
+        return nullptr;
+    }
+    if (copy && value != nullptr) {
+        if (length > SIZE_MAX) {
+            std::free(pair->key);
+            std::free(pair);
+            return nullptr;
+        }
+        void* own = ow::mem_calloc(1, static_cast<size_t>(length));
+        if (own == nullptr) {
+            std::free(pair->key);
+            std::free(pair);
+            return nullptr;
+        }
+        if (length > 0) std::memcpy(own, value, static_cast<size_t>(length));
+        pair->value = own;
+        pair->flags |= PAIR_FLAG_COPY;
+    } else {
+        pair->value = value;
+    }
+    pair->length = length;
+    return pair;
+}
+
+// release is set when the pair leaves the map for good (remove, clear, destroy); it is clear
+// when a store fails, so a value the caller still owns survives.
+void __destroy_pair(hash_pair_t* pair, bool release) {
+    if (pair->freefn != nullptr && release) {
+        pair->freefn(pair->value);
+    } else if ((pair->flags & PAIR_FLAG_COPY) != 0) {
+        std::free(pair->value);
+    }
+    std::free(pair->key);
+    std::free(pair);
+}
+
+// ----------------------------------------------------------------------------------------
+// Table
+
+bool __map_init(ow_hashmap* map, uint32_t num_buckets, uint32_t bucket_size) {
+    const uint32_t size = num_buckets * bucket_size;  // callers checked the product
+    hash_pair_t** slots = nullptr;
+    if (size != 0) {
+        slots = static_cast<hash_pair_t**>(ow::mem_calloc(size, sizeof(hash_pair_t*)));
+        if (slots == nullptr) return false;
+    }
+    map->num_buckets = num_buckets;
+    map->bucket_size = bucket_size;
+    map->map_size = size;
+    map->pairs = slots;
+    return true;
+}
+
+hash_pair_t* __map_fetch_hash(const ow_hashmap* map, const char* key, uint32_t hash) {
+    if (map == nullptr || key == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    const int64_t slot = find_slot(map, key, hash);
+    return slot < 0 ? nullptr : map->const_pairs[slot];
+}
+
+void link_last(ow_hashmap* map, hash_pair_t* pair) noexcept {
+    pair->next = nullptr;
+    if (map->first == nullptr) {
+        pair->prev = nullptr;
+        map->first = map->last = pair;
+    } else {
+        pair->prev = map->last;
+        map->last->next = pair;
+        map->last = pair;
+    }
+}
+
+void unlink_pair(ow_hashmap* map, hash_pair_t* pair) noexcept {
+    if (pair->prev != nullptr && pair->next != nullptr) {
+        pair->prev->next = pair->next;
+        pair->next->prev = pair->prev;
+    } else if (pair->prev != nullptr) {
+        map->last = pair->prev;
+        pair->prev->next = nullptr;
+    } else if (pair->next != nullptr) {
+        map->first = pair->next;
+        pair->next->prev = nullptr;
+    } else {
+        map->first = map->last = nullptr;
+    }
+    pair->prev = pair->next = nullptr;
+}
+
+bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
+    if (map->pairs == nullptr) {
+        if (!__map_init(map, kDefaultBuckets, kDefaultBucketSize)) {
+            OW_ERROR("Failed to initialize new map");
+            return false;
+        }
+    }
+    for (;;) {
+        if (find_slot(map, pair->key, pair->hash) >= 0) return false;  // never stored twice
+        const int64_t slot = free_slot(map, pair->hash);
+        if (slot >= 0) {
+            map->pairs[slot] = pair;
+            ++map->num_pairs;
+            if (link) link_last(map, pair);
+            return true;
+        }
+        if (!ow_map_rehash(map)) {
+            OW_ERROR("Failed to rehash map.\n");
+            return false;
+        }
+    }
+}
+
+// Places every pair of map into fresh, which already has its new table. The old slots are
+// left alone so that a failure half way costs nothing but fresh.
+bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        hash_pair_t* pair = map->pairs[i];
+        if (pair == nullptr) continue;
+        if (!__map_store(fresh, pair, false)) {
+            OW_ERROR("Failed to store pair");
+            return false;
+        }
+    }
+    return true;
+}
+
+// Frees a scratch map's record and table without touching the pairs it points at.
+void drop_table(ow_hashmap* fresh) noexcept {
+    std::free(fresh->pairs);
+    std::free(fresh);
+}
+
+// ----------------------------------------------------------------------------------------
+// Iteration
+
+void __static_iterator_start_ex(ow_map_iterator* it, const ow_hashmap* map, uint32_t direction) {
+    // Static iterators keep "index" one past the slot they stand on: 0 is before the first
+    // slot, so slot 0 is an ordinary slot visited once in each direction.
+    it->const_pairs = map->const_pairs;
+    it->slot.map_size = map->map_size;
+    it->slot.index = 0;
+    it->current = nullptr;
+    it->flags = MAP_ITER_FLAG_STATIC | (direction == 1 ? MAP_ITER_FLAG_END : 0);
+}
+
+void ordered_iterator_start(ow_map_iterator* it, const ow_hashmap* map, uint32_t direction) {
+    it->first = map->first;
+    it->last = map->last;
+    it->current = nullptr;
+    it->flags = direction == 1 ? MAP_ITER_FLAG_END : 0;
+}
+
+inline bool at_end(const ow_map_iterator* it) noexcept {
+    return (it->flags & MAP_ITER_FLAG_END) != 0;
+}
+
+// The slot position (1-based) of the next occupied slot after position pos, or 0.
+uint32_t static_next_position(const ow_map_iterator* it, uint32_t pos) noexcept {
+    for (uint64_t p = static_cast<uint64_t>(pos) + 1; p <= it->slot.map_size; ++p) {
+        if (it->const_pairs[p - 1] != nullptr) return static_cast<uint32_t>(p);
+    }
+    return 0;
+}
+
+// The slot position (1-based) of the previous occupied slot before position pos, or 0.
+uint32_t static_prev_position(const ow_map_iterator* it, uint64_t pos) noexcept {
+    for (uint64_t p = pos; p > 1; --p) {
+        if (it->const_pairs[p - 2] != nullptr) return static_cast<uint32_t>(p - 1);
+    }
+    return 0;
+}
+
+// The pair next (forward) or prev (backward) would reach, without moving; for static
+// iterators also the position it would move to.
+hash_pair_t* candidate(const ow_map_iterator* it, bool forward, uint32_t* position) noexcept {
+    if ((it->flags & MAP_ITER_FLAG_STATIC) != 0) {
+        uint32_t pos = 0;
+        if (forward) {
+            if (at_end(it)) return nullptr;
+            pos = static_next_position(it, it->slot.index);
+        } else {
+            const uint64_t from =
+                at_end(it) ? static_cast<uint64_t>(it->slot.map_size) + 1 : it->slot.index;
+            pos = static_prev_position(it, from);
+        }
+        if (position != nullptr) *position = pos;
+        return pos == 0 ? nullptr : it->const_pairs[pos - 1];
+    }
+    if (forward) {
+        if (at_end(it)) return nullptr;
+        return it->current != nullptr ? it->current->next : it->first;
+    }
+    if (at_end(it)) return it->last;
+    return it->current != nullptr ? it->current->prev : nullptr;
+}
+
+bool report(const hash_pair_t* pair, const char** key, void** value) noexcept {
+    if (pair == nullptr) return false;
+    if (key != nullptr) *key = pair->key;
+    if (value != nullptr) *value = pair->value;
+    return true;
+}
+
+bool step(ow_map_iterator* it, bool forward, const char** key, void** value) noexcept {
+    uint32_t position = 0;
+    hash_pair_t* next = candidate(it, forward, &position);
+    if ((it->flags & MAP_ITER_FLAG_STATIC) != 0) {
+        if (forward && at_end(it)) return false;
+        it->flags &= static_cast<uint8_t>(~MAP_ITER_FLAG_END);
+        if (next == nullptr) {
+            // Running off either end: forward lands past the end, backward before the start.
+            if (forward) it->flags |= MAP_ITER_FLAG_END;
+            it->slot.index = 0;
+            return false;
+        }
+        it->slot.index = position;
+        return report(next, key, value);
+    }
+    if (forward) {
+        if (at_end(it)) return false;
+        it->current = next;
+        if (next == nullptr) it->flags |= MAP_ITER_FLAG_END;
+        return report(next, key, value);
+    }
+    if (!at_end(it) && it->current == nullptr) return false;  // before the first pair
+    it->flags &= static_cast<uint8_t>(~MAP_ITER_FLAG_END);
+    it->current = next;
+    return report(next, key, value);
+}
+
+bool __map_index_forward(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
+    ow_map_iterator* it = ow_map_iterator_start_ex(map, 0);
+    if (it == nullptr) {
+        OW_ERROR("Failed to create map iterator");
+        return false;
+    }
+    const char* k = nullptr;
+    void* v = nullptr;
+    bool ok = true;
+    for (uint32_t i = 0; i <= index && ok; ++i) ok = ow_map_iterator_next(it, &k, &v);
+    ow_map_iterator_end(it);
+    if (!ok) {
+        OW_ERROR("Failed to iterate to requested index");
+        return false;
+    }
+    if (key != nullptr) *key = k;
+    if (value != nullptr) *value = v;
+    return true;
+}
+
+bool __map_index_reverse(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
+    ow_map_iterator* it = ow_map_iterator_start_ex(map, 1);
+    if (it == nullptr) {
+        OW_ERROR("Failed to create map iterator");
+        return false;
+    }
+    const char* k = nullptr;
+    void* v = nullptr;
+    bool ok = true;
+    for (uint32_t i = 0; i <= map->num_pairs - 1 - index && ok; ++i) {
+        ok = ow_map_iterator_prev(it, &k, &v);
+    }
+    ow_map_iterator_end(it);
+    if (!ok) {
+        OW_ERROR("Failed to iterate to requested index");
+        return false;
+    }
+    if (key != nullptr) *key = k;
+    if (value != nullptr) *value = v;
+    return true;
+}
+
+}  // namespace
+
+// ==========================================================================================
+// Public interface
+
+extern "C" {
+
+uint32_t ow_map_hash(const char* key) {
+    if (key == nullptr) {
+        OW_EINVAL();
+        return 0;
+    }
+    return __super_fast_hash(key, std::strlen(key));
+}
+
+ow_hashmap* ow_map_create(uint32_t num_buckets, uint32_t bucket_size) {
+    if (bucket_size != 0 && UINT32_MAX / bucket_size < num_buckets) {
+        OW_ERROR("Cannot create a map that big! (%u buckets * %u bucket size > UINT32_MAX)",
+                 num_buckets, bucket_size);
+        return nullptr;
+    }
+    auto* map = static_cast<ow_hashmap*>(ow::mem_calloc(1, sizeof(ow_hashmap)));
+    if (map == nullptr) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    if (!__map_init(map, num_buckets, bucket_size)) {
+        OW_ERROR("Failed to initialize buckets of new map");
+        std::free(map);
+        return nullptr;
+    }
+    return map;
+}
+
+uint32_t ow_map_count(const ow_hashmap* map) { return map == nullptr ? 0 : map->num_pairs; }
+
+bool ow_map_store_ex(ow_hashmap* map, const char* key, void* value, uint64_t length, bool copy,
+                     ow_map_free_fn freefn) {
+    if (map == nullptr || key == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to store entries in a static hashmap!");
+        return false;
+    }
+    if (copy && freefn != nullptr && freefn != &std::free) {
+        OW_ERROR("Cannot request 'copy' and specify a freefn that isn't 'void free(void *)'");
+        return false;
+    }
+    hash_pair_t* pair = __create_pair(key, value, length, copy, freefn);
+    if (pair == nullptr) {
+        OW_ERROR("Cannot create new key-value pair when attemping to store data in map");
+        return false;
+    }
+    if (!__map_store(map, pair, true)) {
+        __destroy_pair(pair, false);
+        return false;
+    }
+    return true;
+}
+
+bool ow_map_fetch(const ow_hashmap* map, const char* key, void** value) {
+    if (map == nullptr || key == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    const hash_pair_t* pair = __map_fetch_hash(map, key, key_hash(key));
+    if (pair == nullptr) return false;
+    if (value != nullptr) *value = pair->value;
+    return true;
+}
+
+bool ow_map_remove(ow_hashmap* map, const char* key) {
+    if (map == nullptr || key == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to remove entries from a static hashmap!");
+        return false;
+    }
+    const int64_t slot = find_slot(map, key, key_hash(key));
+    if (slot < 0) return false;
+    hash_pair_t* pair = map->pairs[slot];
+    unlink_pair(map, pair);
+    map->pairs[slot] = nullptr;
+    --map->num_pairs;
+    __destroy_pair(pair, true);
+    return true;
+}
+
+bool ow_map_rename(ow_hashmap* map, const char* old_key, const char* new_key) {
+    if (map == nullptr || old_key == nullptr || new_key == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to rename entries in a static hashmap!");
+        return false;
+    }
+    const uint32_t old_hash = key_hash(old_key);
+    const uint32_t new_hash = key_hash(new_key);
+    if (find_slot(map, old_key, old_hash) < 0 || find_slot(map, new_key, new_hash) >= 0) {
+        return false;
+    }
+    char* copy = ow::dup_cstr(new_key);
+    if (copy == nullptr) {
+        OW_ENOMEM();
+        return false;
+    }
+    // Make room in the new key's bucket first (growing if needed); until the pair moves,
+    // every failure leaves the map as it was. The pair's own slot counts as room when both
+    // keys share a bucket.
+    int64_t from = find_slot(map, old_key, old_hash);
+    int64_t to = free_slot(map, new_hash);
+    while (to < 0 && (new_hash % map->num_buckets) != (old_hash % map->num_buckets)) {
+        if (!ow_map_rehash(map)) {
+            OW_ERROR(
+                "Failed to store pair with new key [%s] for map entry rename! Map may be "
+                "corrupted!",
+                new_key);
+            std::free(copy);
+            return false;
+        }
+        from = find_slot(map, old_key, old_hash);
+        to = free_slot(map, new_hash);
+    }
+    if (from < 0) {
+        OW_ERROR("Failed to manually remove old pair from map");
+        std::free(copy);
+        return false;
+    }
+    hash_pair_t* pair = map->pairs[from];
+    map->pairs[from] = nullptr;
+    if (to < 0) to = free_slot(map, new_hash);  // same bucket: the slot just emptied
+    std::free(pair->key);
+    pair->key = copy;
+    pair->hash = new_hash;
+    map->pairs[to] = pair;
+    return true;
+}
+
+bool ow_map_rehash(ow_hashmap* map) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to rehash a static hashmap!");
+        return false;
+    }
+    uint32_t buckets = 0;
+    for (size_t i = 0; i + 1 < sizeof kPrimes / sizeof kPrimes[0]; ++i) {
+        if (kPrimes[i] > map->num_buckets) {
+            buckets = kPrimes[i];
+            break;
+        }
+    }
+    if (buckets == 0) {
+        if (map->num_buckets == kMaxBuckets) {
+            OW_ERROR("Map is at max size: %u buckets.", map->num_buckets);
+        } else {
+            OW_ERROR("Cannot determine new table size.");
+        }
+        return false;
+    }
+    ow_hashmap* fresh = ow_map_create(buckets, map->bucket_size);
+    if (fresh == nullptr) {
+        OW_ERROR("Cannot create new map during rehash");
+        return false;
+    }
+    const uint32_t before = map->num_pairs;
+    if (!__map_redistribute(map, fresh)) {
+        OW_ERROR("Failed to redistribute map");
+        drop_table(fresh);
+        return false;
+    }
+    if (fresh->num_pairs != before) {
+        OW_ERROR("Maps have different counts after redistribution: old:%d != new:%d.\n",
+                 static_cast<int>(before), static_cast<int>(fresh->num_pairs));
+        drop_table(fresh);
+        return false;
+    }
+    std::free(map->pairs);
+    map->pairs = fresh->pairs;
+    map->map_size = fresh->map_size;
+    map->num_pairs = fresh->num_pairs;
+    map->num_buckets = fresh->num_buckets;
+    std::free(fresh);
+    return true;
+}
+
+bool ow_map_clear(ow_hashmap* map) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to clear a static hashmap!");
+        return false;
+    }
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        if (map->pairs[i] != nullptr) {
+            __destroy_pair(map->pairs[i], true);
+            map->pairs[i] = nullptr;
+        }
+    }
+    map->num_pairs = 0;
+    map->first = map->last = nullptr;
+    return true;
+}
+
+void ow_map_destroy(ow_hashmap* map) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to destroy a static hashmap!");
+        return;
+    }
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        if (map->pairs[i] != nullptr) __destroy_pair(map->pairs[i], true);
+    }
+    std::free(map->pairs);
+    std::free(map);
+}
+
+ow_map_iterator* ow_map_iterator_start_ex(const ow_hashmap* map, uint32_t direction) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    auto* it = static_cast<ow_map_iterator*>(ow::mem_calloc(1, sizeof(ow_map_iterator)));
+    if (it == nullptr) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    if (is_static(map)) {
+        __static_iterator_start_ex(it, map, direction);
+    } else {
+        ordered_iterator_start(it, map, direction);
+    }
+    return it;
+}
+
+void ow_map_iterator_init(ow_map_iterator* it, const ow_hashmap* map) {
+    if (it == nullptr || map == nullptr) {
+        OW_EINVAL();
+        return;
+    }
+    std::memset(it, 0, sizeof *it);
+    if (is_static(map)) {
+        __static_iterator_start_ex(it, map, 0);
+    } else {
+        ordered_iterator_start(it, map, 0);
+    }
+}
+
+bool ow_map_iterator_next(ow_map_iterator* it, const char** key, void** value) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    return step(it, true, key, value);
+}
+
+bool ow_map_iterator_prev(ow_map_iterator* it, const char** key, void** value) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    return step(it, false, key, value);
+}
+
+bool ow_map_iterator_peek_next(const ow_map_iterator* it, const char** key, void** value) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if ((it->flags & MAP_ITER_FLAG_STATIC) == 0 && it->current == it->last && !at_end(it) &&
+        it->current != nullptr) {
+        return false;
+    }
+    return report(candidate(it, true, nullptr), key, value);
+}
+
+bool ow_map_iterator_peek_prev(const ow_map_iterator* it, const char** key, void** value) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if ((it->flags & MAP_ITER_FLAG_STATIC) == 0 && !at_end(it) && it->current == nullptr) {
+        return false;  // before the first pair
+    }
+    return report(candidate(it, false, nullptr), key, value);
+}
+
+hash_pair_t* ow_map_iterator_cur(const ow_map_iterator* it) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    if ((it->flags & MAP_ITER_FLAG_STATIC) != 0) {
+        if (at_end(it) || it->slot.index == 0 || it->slot.index > it->slot.map_size) return nullptr;
+        return it->const_pairs[it->slot.index - 1];
+    }
+    return at_end(it) ? nullptr : it->current;
+}
+
+void ow_map_iterator_end(ow_map_iterator* it) { std::free(it); }
+
+bool ow_map_index(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
+    if (map == nullptr || index >= map->num_pairs) {
+        OW_EINVAL();
+        return false;
+    }
+    if (index < map->num_pairs / 2) return __map_index_forward(map, index, key, value);
+    return __map_index_reverse(map, index, key, value);
+}
+
+}  // extern "C"
