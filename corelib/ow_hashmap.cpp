@@ -15,6 +15,18 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <new>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "ow_file.h"
 #include "ow_internal.hpp"
 
 static_assert(sizeof(void*) == 8, "the map file and static maps assume 64-bit words");
@@ -417,6 +429,53 @@ bool __map_index_reverse(const ow_hashmap* map, uint32_t index, const char** key
     return true;
 }
 
+// ----------------------------------------------------------------------------------------
+// Map file
+
+constexpr size_t kHeaderSize = 28;
+constexpr size_t kRecordHeaderSize = 20;
+// A loaded table may be far larger than its pairs need (maps are often created wide), but a
+// file claiming billions of slots for a handful of pairs is corrupt, and honouring it would
+// allocate gigabytes.
+constexpr uint64_t kMaxSlotsWithoutPairs = 1u << 24;
+constexpr uint64_t kMaxSlotsPerPair = 64;
+
+inline void put32(unsigned char* at, uint32_t v) noexcept { std::memcpy(at, &v, 4); }
+inline uint32_t get32(const unsigned char* at) noexcept {
+    uint32_t v;
+    std::memcpy(&v, at, 4);
+    return v;
+}
+
+// The slot holding exactly this pair, searched in its own bucket.
+int64_t slot_of(const ow_hashmap* map, const hash_pair_t* pair) noexcept {
+    const uint64_t start = static_cast<uint64_t>(pair->hash % map->num_buckets) * map->bucket_size;
+    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
+        if (map->const_pairs[i] == pair) return static_cast<int64_t>(i);
+    }
+    return -1;
+}
+
+inline bool saved_as_copy(const hash_pair_t* pair) noexcept {
+    return pair->length > 8 || (pair->flags & PAIR_FLAG_COPY) != 0;
+}
+
+// A name beside path for the new image: same directory, so the rename stays on one file
+// system and is atomic.
+std::string temp_name_beside(std::string_view path) {
+    static unsigned counter = 0;
+    return std::string(path) + ".tmp." + std::to_string(::getpid()) + "." +
+           std::to_string(++counter);
+}
+
+inline bool is_blank(char c) noexcept { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+std::string_view trimmed(std::string_view s) noexcept {
+    while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
+    while (!s.empty() && is_blank(s.back())) s.remove_suffix(1);
+    return s;
+}
+
 }  // namespace
 
 // ==========================================================================================
@@ -737,6 +796,358 @@ bool ow_map_index(const ow_hashmap* map, uint32_t index, const char** key, void*
     }
     if (index < map->num_pairs / 2) return __map_index_forward(map, index, key, value);
     return __map_index_reverse(map, index, key, value);
+}
+
+bool ow_map_save(const ow_hashmap* map, const char* path, bool overwrite) {
+    if (map == nullptr || path == nullptr || path[0] == '\0') {
+        OW_EINVAL();
+        return false;
+    }
+    if (!overwrite && ow_file_exists_ex(path, OW_FILE_REGULAR)) return false;
+
+    // Size the image exactly in a first pass, refusing what cannot be saved before anything
+    // is allocated or written.
+    uint64_t total = kHeaderSize;
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        const hash_pair_t* pair = map->const_pairs[i];
+        if (pair == nullptr) continue;
+        if (pair->freefn != nullptr && pair->freefn != &std::free) {
+            OW_ERROR("Cannot save complex maps!");
+            return false;
+        }
+        const uint64_t key_length = std::strlen(pair->key);
+        if (key_length > UINT32_MAX || pair->length > UINT32_MAX) {
+            OW_ERROR("Key or value is too big, failed to save");
+            return false;
+        }
+        total += kRecordHeaderSize + key_length + pair->length;
+    }
+    if (total > SIZE_MAX) {
+        OW_ENOMEM();
+        return false;
+    }
+    ow::unique_cptr<unsigned char> image(
+        static_cast<unsigned char*>(ow::mem_calloc(1, static_cast<size_t>(total))));
+    if (!image) {
+        OW_ENOMEM();
+        return false;
+    }
+    unsigned char* out = image.get();
+    put32(out + 0, map->flags);
+    put32(out + 4, map->num_buckets);
+    put32(out + 8, map->bucket_size);
+    put32(out + 12, map->map_size);
+    put32(out + 16, map->num_pairs);
+    size_t at = kHeaderSize;
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        const hash_pair_t* pair = map->const_pairs[i];
+        if (pair == nullptr) continue;
+        uint32_t next = 0;
+        if (pair->prev == nullptr) put32(out + 20, i);
+        if (pair->next == nullptr) {
+            put32(out + 24, i);
+        } else {
+            const int64_t slot = slot_of(map, pair->next);
+            if (slot < 0) {
+                OW_ERROR("Map is corrupted: the pair after [%s] is not in its bucket", pair->key);
+                return false;
+            }
+            next = static_cast<uint32_t>(slot);
+        }
+        const auto key_length = static_cast<uint32_t>(std::strlen(pair->key));
+        const auto value_length = static_cast<uint32_t>(pair->length);
+        const bool copy = saved_as_copy(pair);
+        put32(out + at, i);
+        put32(out + at + 4, next);
+        put32(out + at + 8, copy ? (pair->flags | PAIR_FLAG_COPY) : pair->flags);
+        put32(out + at + 12, key_length);
+        put32(out + at + 16, value_length);
+        at += kRecordHeaderSize;
+        std::memcpy(out + at, pair->key, key_length);
+        at += key_length;
+        if (value_length > 0) {
+            if (copy && pair->value == nullptr) {
+                OW_ERROR("Map is corrupted: [%s] has a length but no value", pair->key);
+                return false;
+            }
+            std::memcpy(out + at, copy ? pair->value : &pair->value, value_length);
+        }
+        at += value_length;
+    }
+
+    // Write beside the target, flush, then rename over it: a crash or a full disk leaves the
+    // old file or the whole new one, never a truncated image. A link at path is replaced, not
+    // written through.
+    std::string temp;
+    try {
+        temp = temp_name_beside(path);
+    } catch (...) {
+        OW_ENOMEM();
+        return false;
+    }
+    const int fd = ow_open_ex(temp.c_str(), false, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    struct stat old {};
+    if (::stat(path, &old) == 0 && S_ISREG(old.st_mode)) {
+        (void)::fchmod(fd, old.st_mode & 07777);
+    } else {
+        (void)::fchmod(fd, 0644);  // as a new file should be, whatever the umask
+    }
+    const bool written = ow_write(fd, image.get(), total);
+    int err = errno;
+    const bool synced = written && ::fsync(fd) == 0;
+    if (written && !synced) err = errno;
+    ow_close(fd);
+    if (!written || !synced) {
+        OW_ERROR("Failed to write the data to the file during save: [%s]", std::strerror(err));
+        ::unlink(temp.c_str());
+        return false;
+    }
+    if (::rename(temp.c_str(), path) != 0) {
+        err = errno;
+        OW_ERROR("Failed to write the data to the file during save: [%s]", std::strerror(err));
+        ::unlink(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+ow_hashmap* ow_map_load(const char* path) {
+    if (path == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    if (!ow_file_exists_ex(path, OW_FILE_REGULAR)) return nullptr;
+    errno = 0;
+    uint64_t size = 0;
+    ow::unique_cptr<char> contents(ow_file_get_contents_ex(path, &size));
+    if (!contents) {
+        const int err = errno;
+        OW_ERROR("Failed to grab contents of file [%s]: [%s]", path,
+                 err != 0 ? std::strerror(err) : "unkown error");
+        return nullptr;
+    }
+    const auto* data = reinterpret_cast<const unsigned char*>(contents.get());
+    if (size < kHeaderSize) {
+        OW_ERROR("Map file [%s] is too short for a map: %llu bytes", path,
+                 static_cast<unsigned long long>(size));
+        return nullptr;
+    }
+    const uint32_t flags = get32(data);
+    const uint32_t num_buckets = get32(data + 4);
+    const uint32_t bucket_size = get32(data + 8);
+    const uint32_t map_size = get32(data + 12);
+    const uint32_t num_pairs = get32(data + 16);
+    const uint32_t first = get32(data + 20);
+    const uint32_t last = get32(data + 24);
+    if (static_cast<uint64_t>(num_buckets) * bucket_size != map_size) {
+        OW_ERROR("Map file [%s] has %u buckets of %u slots but claims %u slots", path, num_buckets,
+                 bucket_size, map_size);
+        return nullptr;
+    }
+    const uint64_t max_records = (size - kHeaderSize) / kRecordHeaderSize;
+    if (num_pairs > map_size || num_pairs > max_records ||
+        (num_pairs == 0 && (first != 0 || last != 0)) ||
+        (num_pairs > 0 && (first >= map_size || last >= map_size))) {
+        OW_ERROR("Map file [%s] has an impossible header (%u pairs in %u slots, first %u, last %u)",
+                 path, num_pairs, map_size, first, last);
+        return nullptr;
+    }
+    if (map_size > kMaxSlotsWithoutPairs && map_size / kMaxSlotsPerPair > num_pairs) {
+        OW_ERROR("Map file [%s] has an implausible table of %u slots for %u pairs", path, map_size,
+                 num_pairs);
+        return nullptr;
+    }
+    ow_hashmap* map = ow_map_create(num_buckets, bucket_size);
+    if (map == nullptr) {
+        OW_ERROR("Failed to create new map");
+        return nullptr;
+    }
+    // A loaded map lives on the heap and must stay destroyable, so the static flag of a saved
+    // constant map is not carried over; every other flag is.
+    map->flags = flags & ~MAP_FLAG_STATIC;
+    auto fail = ow::scope_guard([map] { ow_map_destroy(map); });
+
+    std::unordered_map<uint32_t, uint32_t> next_of;
+    try {
+        next_of.reserve(num_pairs);
+    } catch (...) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    uint64_t at = kHeaderSize;
+    for (uint32_t r = 0; r < num_pairs; ++r) {
+        if (size - at < kRecordHeaderSize) {
+            OW_ERROR("Map file [%s] ends inside record %u", path, r);
+            return nullptr;
+        }
+        const uint32_t slot = get32(data + at);
+        const uint32_t next = get32(data + at + 4);
+        uint32_t pair_flags = get32(data + at + 8);
+        const uint32_t key_length = get32(data + at + 12);
+        const uint32_t value_length = get32(data + at + 16);
+        at += kRecordHeaderSize;
+        if (static_cast<uint64_t>(key_length) + value_length > size - at) {
+            OW_ERROR("Map file [%s] ends inside record %u", path, r);
+            return nullptr;
+        }
+        const char* key_bytes = reinterpret_cast<const char*>(data + at);
+        const unsigned char* value_bytes = data + at + key_length;
+        at += static_cast<uint64_t>(key_length) + value_length;
+        if (std::memchr(key_bytes, '\0', key_length) != nullptr) {
+            OW_ERROR("Map file [%s]: record %u has a key with a NUL byte", path, r);
+            return nullptr;
+        }
+        if (slot >= map_size || map->pairs[slot] != nullptr) {
+            OW_ERROR("Map file [%s]: record %u names slot %u, which is out of range or taken", path,
+                     r, slot);
+            return nullptr;
+        }
+        ow::unique_cstr key(ow::dup_cstr(std::string_view(key_bytes, key_length)));
+        if (!key) {
+            OW_ENOMEM();
+            return nullptr;
+        }
+        const uint32_t hash = key_hash(key.get());
+        if (slot / bucket_size != hash % num_buckets) {
+            OW_ERROR("Map file [%s]: record %u is in slot %u, outside the bucket of its key", path,
+                     r, slot);
+            return nullptr;
+        }
+        if (find_slot(map, key.get(), hash) >= 0) {
+            OW_ERROR("Map file [%s]: record %u repeats a key", path, r);
+            return nullptr;
+        }
+        void* value = nullptr;
+        ow_map_free_fn freefn = nullptr;
+        if (value_length > 8 || (pair_flags & PAIR_FLAG_COPY) != 0) {
+            value = ow::mem_malloc(value_length);
+            if (value == nullptr) {
+                OW_ENOMEM();
+                return nullptr;
+            }
+            if (value_length > 0) std::memcpy(value, value_bytes, value_length);
+            freefn = &std::free;
+            pair_flags |= PAIR_FLAG_COPY;
+        } else {
+            std::memcpy(&value, value_bytes, value_length);
+        }
+        hash_pair_t* pair = __create_pair(key.get(), value, value_length, false, freefn);
+        if (pair == nullptr) {
+            if (freefn != nullptr) std::free(value);
+            OW_ENOMEM();
+            return nullptr;
+        }
+        pair->flags = pair_flags;
+        map->pairs[slot] = pair;
+        ++map->num_pairs;
+        try {
+            next_of.emplace(slot, next);
+        } catch (...) {
+            OW_ENOMEM();
+            return nullptr;
+        }
+    }
+    if (at != size) {
+        OW_ERROR("Map file [%s] has %llu bytes after its last record", path,
+                 static_cast<unsigned long long>(size - at));
+        return nullptr;
+    }
+
+    // Rebuild the insertion order from first to last, making sure the chain visits every pair
+    // exactly once: a file whose chain loops, skips pairs or points at empty slots is refused.
+    if (num_pairs > 0) {
+        hash_pair_t* previous = nullptr;
+        uint32_t slot = first;
+        for (uint32_t step = 1;; ++step) {
+            hash_pair_t* pair = slot < map_size ? map->pairs[slot] : nullptr;
+            if (pair == nullptr || (previous != nullptr && pair->prev != nullptr) ||
+                pair == map->first) {
+                OW_ERROR("Map file [%s] has a broken insertion order", path);
+                return nullptr;
+            }
+            if (previous == nullptr) {
+                map->first = pair;
+            } else {
+                previous->next = pair;
+                pair->prev = previous;
+            }
+            previous = pair;
+            if (step == num_pairs) {
+                if (slot != last) {
+                    OW_ERROR("Map file [%s] has a broken insertion order", path);
+                    return nullptr;
+                }
+                map->last = pair;
+                break;
+            }
+            slot = next_of[slot];
+        }
+    }
+    fail.dismiss();
+    return map;
+}
+
+int ow_map_load_control_file(const char* path, uint32_t max, char separator, ow_hashmap** out) {
+    if (path == nullptr || separator == '\0' || out == nullptr) {
+        OW_EINVAL();
+        return -1;
+    }
+    if (!ow_file_exists_ex(path, OW_FILE_REGULAR)) return -1;
+    errno = 0;
+    uint64_t size = 0;
+    ow::unique_cptr<char> contents(ow_file_get_contents_ex(path, &size));
+    if (!contents) {
+        const int err = errno;
+        OW_ERROR("Failed to grab contents of file [%s]: [%s]", path,
+                 err != 0 ? std::strerror(err) : "unkown error");
+        return -1;
+    }
+    if (size == 0) return 0;
+    const std::string_view text(contents.get(), static_cast<size_t>(size));
+    ow_hashmap* map = ow_map_create(0, 0);
+    if (map == nullptr) {
+        OW_ENOMEM();
+        return -1;
+    }
+    auto fail = ow::scope_guard([map] { ow_map_destroy(map); });
+
+    size_t pos = 0;
+    for (;;) {
+        const size_t sep = text.find(separator, pos);
+        const size_t feed = text.find('\n', pos);
+        const size_t hash = text.find('#', pos);
+        const size_t end = feed == std::string_view::npos ? text.size() : feed;
+        if (sep == std::string_view::npos) {
+            OW_ERROR("Invalid syntax in control file: [%s]", path);
+            return -1;
+        }
+        if (sep >= end || (hash != std::string_view::npos && hash < sep)) {
+            OW_ERROR("Invalid syntax in control files: [%s]", path);
+            return -1;
+        }
+        const size_t value_end = hash != std::string_view::npos && hash < end ? hash : end;
+        const std::string_view key = trimmed(text.substr(pos, sep - pos));
+        const std::string_view value = trimmed(text.substr(sep + 1, value_end - sep - 1));
+        ow::unique_cstr key_copy(ow::dup_cstr(key));
+        ow::unique_cstr value_copy(ow::dup_cstr(value));
+        if (!key_copy || !value_copy) {
+            OW_ENOMEM();
+            return -1;
+        }
+        if (!ow_map_store_ex(map, key_copy.get(), value_copy.get(), value.size() + 1, true,
+                             nullptr)) {
+            OW_ERROR("Failed to store key/value in map");
+            return -1;
+        }
+        if (end >= text.size() || end + 1 >= text.size() || (max != 0 && map->num_pairs >= max)) {
+            break;
+        }
+        pos = end + 1;
+    }
+    fail.dismiss();
+    *out = map;
+    return 1;
 }
 
 }  // extern "C"

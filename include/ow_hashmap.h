@@ -136,6 +136,32 @@ OW_API void ow_map_iterator_end(ow_map_iterator* it);
  * word (each out pointer may be NULL). An index not below the count is refused (EINVAL). */
 OW_API bool ow_map_index(const ow_hashmap* map, uint32_t index, const char** key, void** value);
 
+/* ---- Files -------------------------------------------------------------------------------
+ * The map file is the binary image of a map: a 28-byte header (flags, num_buckets,
+ * bucket_size, map_size, num_pairs, slot of the first and of the last pair; unsigned 32-bit,
+ * machine byte order) followed by one record per pair in slot order (slot, slot of the next
+ * pair, flags, key length K, value length V, K key bytes, V value bytes). Values longer than
+ * 8 bytes and private copies are saved as the bytes they point to; other values as the bytes
+ * of the value word (inline typed values). */
+
+/* Writes the image of map to path. With overwrite false an existing regular file is left
+ * alone and false returned without a line. The image is written to a new file beside path,
+ * flushed to disk and renamed over path, so path always holds either the old or the whole new
+ * image. A new file gets mode 0644, a replaced one keeps its mode. Pairs with a free function
+ * other than free cannot be saved. True when the whole image is in place. */
+OW_API bool ow_map_save(const ow_hashmap* map, const char* path, bool overwrite);
+/* Reads a map file into a new map (the caller destroys it), with every pair in its saved slot
+ * and the saved iteration order; values longer than 8 bytes or saved as copies become private
+ * copies, others inline values. A file that is not a well-formed image is refused with an
+ * ERROR line and NULL; NULL without a line when path is not an existing regular file. */
+OW_API ow_hashmap* ow_map_load(const char* path);
+/* Reads a control file: lines "key<separator>value", an optional "#" comment after the
+ * separator, key and value trimmed, values stored as string copies. Loads at most max pairs
+ * (0 = no limit). Returns 1 and the new map in *out (the caller destroys it), 0 for an empty
+ * file (*out untouched), -1 on any failure (the whole file is refused). */
+OW_API int ow_map_load_control_file(const char* path, uint32_t max, char separator,
+                                    ow_hashmap** out);
+
 #ifdef __cplusplus
 }
 #endif
