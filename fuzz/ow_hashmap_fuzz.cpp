@@ -12,7 +12,7 @@
 
 namespace {
 std::string scratch_path(const char* what) {
-    return std::string("/tmp/ow_hashmap_fuzz.") + std::to_string(getpid()) + what;
+    return std::string("/dev/shm/ow_hashmap_fuzz.") + std::to_string(getpid()) + what;
 }
 bool write_all(const std::string& path, const uint8_t* data, size_t size) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
