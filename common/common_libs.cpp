@@ -1,0 +1,435 @@
+// common_libs.cpp: running a program with a ready argument vector, and the form POST
+// through the transfer tool.
+//
+// The transfer tool is started with execv, never through a shell, so the post data reaches
+// it byte for byte whatever it holds. The response files are created here, exclusively and
+// without following links, before the tool writes into them.
+#include "common_libs.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+
+#include "ow_file.h"
+#include "ow_internal.hpp"
+
+namespace {
+
+// -----------------------------------------------------------------------------------------
+// Children
+
+// Moves fd above the standard descriptors, so that the child's dup2 onto 1 can never
+// overwrite it. -1 (errno set) on failure.
+int lift_fd(int fd) noexcept {
+    if (fd > STDERR_FILENO) return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+    return moved;
+}
+
+// True once the child has ended; it is left for waitpid to collect.
+bool child_ended(pid_t pid) noexcept {
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        return errno != EINTR;
+    }
+    return info.si_pid == pid;
+}
+
+pid_t wait_child(pid_t pid, int* status) noexcept {
+    pid_t waited = 0;
+    do {
+        waited = ::waitpid(pid, status, 0);
+    } while (waited < 0 && errno == EINTR);
+    return waited;
+}
+
+// What a child's standard output left for execute_program: the first bytes, up to the
+// caller's size, in a buffer of our own so the caller's stays untouched unless the program
+// succeeds.
+struct captured_output {
+    ow::unique_cptr<char> data;
+    std::size_t length = 0;
+    std::size_t capacity = 0;
+    int error = 0;  // errno of a failed read or allocation, 0 when none
+};
+
+// Keeps what still fits below limit. False (error set) when the buffer cannot grow.
+bool keep_bytes(captured_output* out, const char* bytes, std::size_t n,
+                std::size_t limit) noexcept {
+    n = std::min(n, limit - out->length);
+    if (n == 0) return true;
+    if (out->length + n > out->capacity) {
+        std::size_t grown = std::max<std::size_t>(out->capacity * 2, 4096);
+        grown = std::min(std::max(grown, out->length + n), limit);
+        auto* block = static_cast<char*>(ow::mem_realloc(out->data.get(), grown));
+        if (block == nullptr) {
+            out->error = ENOMEM;
+            return false;
+        }
+        (void)out->data.release();
+        out->data.reset(block);
+        out->capacity = grown;
+    }
+    std::memcpy(out->data.get() + out->length, bytes, n);
+    out->length += n;
+    return true;
+}
+
+// Bytes waiting in the pipe, 0 when that cannot be told.
+std::size_t bytes_pending(int fd) noexcept {
+    int avail = 0;
+    if (::ioctl(fd, FIONREAD, &avail) != 0 || avail < 0) return 0;
+    return static_cast<std::size_t>(avail);
+}
+
+// Reads the child's output while it runs, so it can never block on a full pipe. Once the
+// child has ended, only what is already in the pipe is taken: a grandchild that inherited
+// the pipe must not keep us here.
+void collect_output(int fd, pid_t pid, std::size_t limit, captured_output* out) noexcept {
+    constexpr std::size_t kRunning = SIZE_MAX;
+    char chunk[16384];
+    std::size_t left = kRunning;  // once the child has ended: bytes still to take
+    for (;;) {
+        if (left == kRunning) {
+            pollfd p{fd, POLLIN, 0};
+            const int ready = ::poll(&p, 1, 100);
+            if (ready < 0 && errno != EINTR) {
+                out->error = errno;
+                return;
+            }
+            if (child_ended(pid)) {
+                left = bytes_pending(fd);
+            } else if (ready <= 0) {
+                continue;
+            }
+        }
+        if (left == 0) return;
+        const ssize_t got = ::read(fd, chunk, std::min(left, sizeof chunk));
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            out->error = errno;
+            return;
+        }
+        if (got == 0) return;
+        if (out->error == 0) keep_bytes(out, chunk, static_cast<std::size_t>(got), limit);
+        if (left != kRunning) left -= std::min(left, static_cast<std::size_t>(got));
+    }
+}
+
+// -----------------------------------------------------------------------------------------
+// The transfer
+
+constexpr int kToolNotStarted = -1;
+
+enum class prepare_result { ok, not_regular, stale_not_removed, create_failed };
+
+// Makes an empty file at name that only this process can have created: a stale regular
+// file of ours is removed first; a link or anything else standing there is left alone and
+// refused, so the tool can never be made to write through it.
+prepare_result prepare_output_file(const char* name, int* err) noexcept {
+    struct stat st {};
+    if (::lstat(name, &st) == 0) {
+        if (!S_ISREG(st.st_mode)) {
+            *err = EEXIST;
+            return prepare_result::not_regular;
+        }
+        if (::unlink(name) != 0 && errno != ENOENT) {
+            *err = errno;
+            return prepare_result::stale_not_removed;
+        }
+    } else if (errno != ENOENT) {
+        *err = errno;
+        return prepare_result::create_failed;
+    }
+    const int fd = ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *err = errno;
+        return prepare_result::create_failed;
+    }
+    ::close(fd);
+    return prepare_result::ok;
+}
+
+// The exit code a shell would have reported for the tool: its own code, 128 + the signal
+// that ended it, 127 or 126 when it could not be executed, 255 when it could not be started.
+int run_tool(const char* program, char* const* argv) noexcept {
+    const pid_t pid = ::fork();
+    if (pid < 0) return 255;
+    if (pid == 0) {
+        ::execv(program, argv);
+        ::_exit(errno == ENOENT ? 127 : 126);
+    }
+    int status = 0;
+    if (wait_child(pid, &status) != pid) return 255;
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return (status & 0xFF00) >> 8;
+}
+
+// atoi: leading white space, an optional sign, the digits up to the first non-digit; 0 when
+// there are none. Saturates instead of overflowing.
+int32_t parse_status(std::string_view s) noexcept {
+    std::size_t i = 0;
+    while (i < s.size() && (s[i] == ' ' || (s[i] >= '\t' && s[i] <= '\r'))) ++i;
+    bool negative = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
+    int64_t value = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+        value = std::min<int64_t>(value * 10 + (s[i] - '0'), int64_t{INT32_MAX} + 1);
+    }
+    if (negative) return static_cast<int32_t>(-value);
+    return static_cast<int32_t>(std::min<int64_t>(value, INT32_MAX));
+}
+
+// The status of the last header block that starts with "HTTP/1.". Blocks end at an empty
+// line ("\r\n\r\n"); a header text that separates them otherwise is read up to its first.
+int32_t last_http_status(std::string_view headers) noexcept {
+    constexpr std::string_view kStatusLine = "HTTP/1.";
+    constexpr std::string_view kBlockEnd = "\r\n\r\n";
+    int32_t status = 0;
+    std::size_t pos = 0;
+    while (pos < headers.size()) {
+        const std::string_view block = headers.substr(pos);
+        if (block.substr(0, kStatusLine.size()) == kStatusLine) {
+            const std::size_t space = block.find(' ');
+            status = space == std::string_view::npos ? 0 : parse_status(block.substr(space + 1));
+        }
+        const std::size_t end = block.find(kBlockEnd);
+        if (end == std::string_view::npos) break;
+        pos += end + kBlockEnd.size();
+    }
+    return status;
+}
+
+// The words of an options string: runs of non-blank bytes.
+template <typename F>
+void for_each_word(std::string_view text, F&& f) noexcept {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+        const std::size_t start = i;
+        while (i < text.size() && text[i] != ' ' && text[i] != '\t') ++i;
+        if (i > start) f(text.substr(start, i - start));
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+bool execute_program(const char* path, char* const* argv, char* output, size_t size,
+                     int32_t* exit_code) {
+    if (path == nullptr || *path == '\0' || argv == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    int fds[2] = {-1, -1};
+    if (output != nullptr) {
+        if (::pipe2(fds, O_CLOEXEC) != 0 || (fds[0] = lift_fd(fds[0])) < 0 ||
+            (fds[1] = lift_fd(fds[1])) < 0) {
+            const int err = errno;
+            OW_ERROR("Failed to create pipe: %s", std::strerror(err));
+            if (fds[0] >= 0) ::close(fds[0]);
+            if (fds[1] >= 0) ::close(fds[1]);
+            return false;
+        }
+    }
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        const int err = errno;
+        OW_ERROR("Failed to fork: %s", std::strerror(err));
+        if (output != nullptr) {
+            ::close(fds[0]);
+            ::close(fds[1]);
+        }
+        return false;
+    }
+    if (pid == 0) {
+        if (output != nullptr) {
+            if (::close(fds[0]) != 0) {
+                const int err = errno;
+                OW_ERROR("Failed to close read pipe: %s", std::strerror(err));
+                ::_exit(1);
+            }
+            if (::dup2(fds[1], STDOUT_FILENO) < 0) {
+                const int err = errno;
+                OW_ERROR("Failed to dup pipe: %s", std::strerror(err));
+                ::_exit(1);
+            }
+        }
+        ::execv(path, argv);
+        const int err = errno;
+        OW_ERROR("Failed to execute program: %s", std::strerror(err));
+        ::_exit(1);
+    }
+
+    captured_output captured;
+    int status = 0;
+    if (output != nullptr) {
+        if (::close(fds[1]) != 0) {
+            const int err = errno;
+            OW_ERROR("Failed to close write pipe: %s", std::strerror(err));
+            ::close(fds[0]);
+            wait_child(pid, &status);  // never leave a zombie behind
+            return false;
+        }
+        collect_output(fds[0], pid, size, &captured);
+        // Closing before the wait ends a grandchild's hold on the pipe the way a closed
+        // pipe does; the child itself has ended or is about to.
+        ::close(fds[0]);
+    }
+    if (wait_child(pid, &status) != pid) {
+        const int err = errno;
+        OW_ERROR("Failed to wait for program: %s", std::strerror(err));
+        return false;
+    }
+    if (!WIFEXITED(status)) {
+        OW_ERROR("The program did not terminate normally");
+        return false;
+    }
+    const int32_t code = (status & 0xFF00) >> 8;
+    if (output != nullptr && code == 0) {
+        if (captured.error == ENOMEM) {
+            OW_OOM();
+            return false;
+        }
+        if (captured.error != 0) {
+            OW_ERROR("Failed to read from pipe: %s", std::strerror(captured.error));
+            return false;
+        }
+        if (captured.length > 0) std::memcpy(output, captured.data.get(), captured.length);
+    }
+    if (exit_code != nullptr) *exit_code = code;
+    return true;
+}
+
+int32_t system_exit_code(const char* command) {
+    if (command == nullptr) return -1;
+    const int status = std::system(command);
+    return (status & 0xFF00) >> 8;
+}
+
+bool fetch_remote_url(const char* program, const char* postdata, const char* options,
+                      const char* url, char** response, int32_t* status) {
+    if (program == nullptr || *program == '\0' || postdata == nullptr || url == nullptr ||
+        *url == '\0' || response == nullptr || status == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    ow::unique_cstr body_file(ow_tmp_file("axd"));
+    if (!body_file) return false;
+    ow::unique_cstr header_file(ow_tmp_file("axh"));
+    if (!header_file) return false;
+
+    // The tool's argument vector, in the order of the command line it replaces:
+    // program, options..., -d, data, -o, body file, -D, header file, url. All strings live
+    // in one block.
+    const std::string_view option_text = options != nullptr ? options : "";
+    const std::string_view fixed[] = {"-d", postdata,          "-o", body_file.get(),
+                                      "-D", header_file.get(), url};
+    std::size_t words = 1 + std::size(fixed);
+    std::size_t bytes = std::strlen(program) + 1;
+    bool overflow = false;
+    for_each_word(option_text, [&](std::string_view w) {
+        ++words;
+        overflow |= ow::add_overflows(bytes, w.size() + 1, &bytes);
+    });
+    for (std::string_view f : fixed) overflow |= ow::add_overflows(bytes, f.size() + 1, &bytes);
+    if (overflow) {
+        OW_OOM();
+        return false;
+    }
+    ow::unique_cptr<char*> argv(static_cast<char**>(ow::mem_calloc(words + 1, sizeof(char*))));
+    ow::unique_cstr block(static_cast<char*>(ow::mem_calloc(bytes, 1)));
+    if (!argv || !block) {
+        OW_OOM();
+        return false;
+    }
+    std::size_t next_word = 0;
+    char* cursor = block.get();
+    auto put = [&](std::string_view w) noexcept {
+        if (!w.empty()) std::memcpy(cursor, w.data(), w.size());
+        argv.get()[next_word++] = cursor;
+        cursor += w.size() + 1;  // the block is zeroed: the NUL is already there
+    };
+    put(program);
+    for_each_word(option_text, put);
+    for (std::string_view f : fixed) put(f);
+
+    bool created_body = false;
+    bool created_header = false;
+    int exit_code = kToolNotStarted;
+    const char* files[] = {body_file.get(), header_file.get()};
+    bool* created[] = {&created_body, &created_header};
+    bool files_ready = true;
+    for (int i = 0; i < 2 && files_ready; ++i) {
+        int err = 0;
+        switch (prepare_output_file(files[i], &err)) {
+            case prepare_result::ok:
+                *created[i] = true;
+                break;
+            case prepare_result::not_regular:
+                OW_ERROR("refusing to let [%s] be written: it exists and is not a regular file",
+                         files[i]);
+                files_ready = false;
+                break;
+            case prepare_result::stale_not_removed:
+                OW_ERROR("Failed to remove stale [%s]: %s", files[i], std::strerror(err));
+                files_ready = false;
+                break;
+            case prepare_result::create_failed:
+                OW_ERROR("Failed to create [%s]: %s", files[i], std::strerror(err));
+                files_ready = false;
+                break;
+        }
+    }
+
+    char* new_response = nullptr;
+    int32_t new_status = 0;
+    bool ok = false;
+    if (files_ready) {
+        exit_code = run_tool(program, argv.get());
+        if (exit_code == 0 && ow_file_exists_ex(header_file.get(), OW_FILE_REGULAR)) {
+            uint64_t header_size = 0;
+            ow::unique_cstr headers(ow_file_get_contents_ex(header_file.get(), &header_size));
+            // The file was made empty beforehand, so an empty one means the tool wrote no
+            // headers, as if it had left no file.
+            if (headers && header_size > 0) {
+                if (ow_file_exists_ex(body_file.get(), OW_FILE_REGULAR)) {
+                    new_response = ow_file_get_contents_ex(body_file.get(), nullptr);
+                }
+                new_status = last_http_status(
+                    std::string_view(headers.get(), static_cast<std::size_t>(header_size)));
+                ok = true;
+            }
+        }
+    }
+    if (!ok) {
+        char text[96];
+        std::snprintf(text, sizeof text, "Fatal error executing remote url fetch. Exit code: [%d]",
+                      exit_code);
+        new_response = ow::dup_cstr(text);
+        if (new_response == nullptr) OW_OOM();
+    }
+    std::free(*response);
+    *response = new_response;
+    *status = new_status;
+    if (created_body) ::unlink(body_file.get());
+    if (created_header) ::unlink(header_file.get());
+    return ok;
+}
+
+}  // extern "C"

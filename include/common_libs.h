@@ -1,0 +1,70 @@
+/* common_libs.h: services the suite's programs share: running a program with a ready
+ * argument vector, and posting a form to a URL through the transfer tool.
+ *
+ * Conventions:
+ *  1. Programs are started with fork and execv: no shell sees any argument, and the path is
+ *     used as it is (no search of PATH). Children inherit the environment, the working
+ *     directory and standard error.
+ *  2. Calls block until the child has ended; a child that writes more than a pipe holds
+ *     never makes them hang.
+ *  3. Refused arguments and failing system calls write one ERROR line (ow_log.h).
+ *  4. Strings handed back are malloc'd; the caller frees them with free().
+ */
+#ifndef COMMON_LIBS_H
+#define COMMON_LIBS_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "ow_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Runs path with the NULL-terminated vector argv (passed to execv unchanged, argv[0]
+ * included). With output not NULL, the child's standard output is captured: when the
+ * program exits with 0, its first min(size, total) bytes are copied to output, without a
+ * terminating NUL (pass a zeroed buffer); on any other exit code output is left untouched.
+ * The rest of the output is read and discarded. With exit_code not NULL the exit code is
+ * stored there.
+ * Returns true when the program ran and ended normally, whatever its exit code (a program
+ * that cannot be executed ends with 1); false (logged) for a NULL or empty path, a NULL
+ * argv, a failing pipe, fork or wait, or a child ended by a signal. */
+OW_API bool execute_program(const char* path, char* const* argv, char* output, size_t size,
+                            int32_t* exit_code);
+
+/* Runs command with the shell (system(3)) and returns (status & 0xFF00) >> 8 of its wait
+ * status: the command's exit code, 255 when no shell could be started, 0 when the shell was
+ * ended by a signal. -1 for a NULL command. */
+OW_API int32_t system_exit_code(const char* command);
+
+/* Posts postdata to url with the transfer tool at program, and returns the answer.
+ *
+ * The tool gets, as separate arguments and without any shell, the words of options (split
+ * at blanks; NULL means none), then "-d", postdata byte for byte, "-o" with the body file,
+ * "-D" with the header file, and url. The two files are the temporary names of
+ * ow_tmp_file("axd") and ow_tmp_file("axh") (ow_file.h); the library creates them itself,
+ * exclusively and with mode 0600, after removing a stale regular file of that name, and
+ * removes them again before returning. Anything else standing at those names (a symbolic
+ * link, a directory, ...) is never written through: the call fails instead.
+ *
+ * On return *response holds a new string (free() it): the response body (NULL when it could
+ * not be read), or on failure "Fatal error executing remote url fetch. Exit code: [%d]" with
+ * the tool's exit code (0 when it succeeded but wrote no headers, -1 when it was not started
+ * because of the files, 128 + n when it was ended by signal n). A string *response held
+ * before is freed. *status is the status of the last header block that starts with "HTTP/1."
+ * (so a final answer after an interim 100 wins), 0 when there is none or on failure.
+ *
+ * True when the tool exited with 0 and wrote response headers; a status other than 200 is
+ * not a failure here. False (logged, *response and *status untouched) when program, postdata,
+ * url, response or status is NULL, program or url is empty, or on allocation failure. */
+OW_API bool fetch_remote_url(const char* program, const char* postdata, const char* options,
+                             const char* url, char** response, int32_t* status);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* COMMON_LIBS_H */
