@@ -71,6 +71,12 @@ typedef struct ow_hashmap {
     hash_pair_t* last;  /* newest pair, or NULL */
 } ow_hashmap;
 
+/* Position of an iterator over a static map's slot array. */
+typedef struct ow_map_slot_position {
+    uint32_t map_size; /* slot count */
+    uint32_t index;    /* one past the slot the iterator stands on; 0 before the first */
+} ow_map_slot_position;
+
 typedef struct ow_map_iterator {
     union {
         hash_pair_t* first;              /* ordered map: its first pair at start */
@@ -78,10 +84,7 @@ typedef struct ow_map_iterator {
     };
     union {
         hash_pair_t* last; /* ordered map: its last pair at start */
-        struct {
-            uint32_t map_size; /* static map: slot count */
-            uint32_t index;    /* static map: current slot index */
-        } slot;
+        ow_map_slot_position slot; /* static map: slot count and position */
     };
     hash_pair_t* current; /* ordered map: the pair at the position, or NULL */
     uint8_t flags;        /* MAP_ITER_FLAG_STATIC, MAP_ITER_FLAG_END */

@@ -1,0 +1,251 @@
+#!/usr/bin/env bash
+# nsenv.sh: runs a command on a throw-away copy of an ardvex server, so the built metrics
+# client can be run for real, with its real paths, without touching this machine or the
+# network. Needs root.
+#
+#   nsenv.sh [--endpoint-arg ARG]... [--no-endpoint] BUILD_DIR COMMAND [ARG...]
+#
+# The command runs in private mount and network namespaces with:
+#   - only loopback, brought up; the metrics host of the build mapped to 127.0.0.1 in a
+#     private /etc/hosts;
+#   - tmpfs over /tmp and over the suite's directories (configuration, programs, logs) and
+#     Zimbra's, made on an overlay of their parent when they do not exist on this machine;
+#   - the build's stand-ins (ardvex-secure, ardvex-panel-version) in the suite's program
+#     directory, and a fake Zimbra version command;
+#   - identity files license_key=K, product_id=7, server_id=U and enabled=1 in the control
+#     directory;
+#   - a tmpfs /dev holding only the usual device nodes, and a syslog listener on /dev/log
+#     that records every datagram as a JSON line (syslog_listener.py);
+#   - unless --no-endpoint, the HTTPS endpoint (tests/support/https_endpoint.py) on the
+#     metrics URL's port of 127.0.0.1, recording each body it receives; each
+#     --endpoint-arg is passed on to it.
+# The command finds everything through NSENV_* variables (listed at the end of this file).
+# Its exit status is nsenv.sh's.
+set -euo pipefail
+
+me=nsenv.sh
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
+die() {
+    echo "$me: $*" >&2
+    exit 1
+}
+
+if [ -z "${NSENV_INSIDE:-}" ]; then
+    [ "$(id -u)" -eq 0 ] || die "needs root: it makes mount and network namespaces"
+    exec unshare --mount --net --fork --propagation private -- \
+        env NSENV_INSIDE=1 bash "${BASH_SOURCE[0]}" "$@"
+fi
+unset NSENV_INSIDE
+
+endpoint=true
+endpoint_args=()
+while [ $# -gt 0 ]; do
+    case $1 in
+        --endpoint-arg)
+            [ $# -ge 2 ] || die "--endpoint-arg needs a value"
+            endpoint_args+=("$2")
+            shift 2
+            ;;
+        --no-endpoint)
+            endpoint=false
+            shift
+            ;;
+        --)
+            shift
+            break
+            ;;
+        -*) die "unknown option $1" ;;
+        *) break ;;
+    esac
+done
+[ $# -ge 2 ] || die "usage: $me [--endpoint-arg ARG]... [--no-endpoint] BUILD_DIR COMMAND [ARG...]"
+build_dir=$(cd "$1" && pwd)
+shift
+[ -f "$build_dir/CMakeCache.txt" ] || die "$build_dir is not a configured build directory"
+
+# The suite's paths as this build was configured.
+cache_var() {
+    local value
+    value=$(sed -n "s/^$1:[A-Z]*=//p" "$build_dir/CMakeCache.txt" | head -n 1)
+    echo "${value:-$2}"
+}
+etc_dir=$(cache_var ARDVEX_ETC_DIR /etc/ardvex)
+control_dir=$(cache_var ARDVEX_CONTROL_DIR /etc/ardvex/control/)
+suite_bin_dir=$(cache_var ARDVEX_SUITE_BIN_DIR /usr/share/ardvex/bin)
+log_dir=$(cache_var ARDVEX_LOG_DIR /var/log/ardvex/)
+zimbra_dir=$(cache_var ARDVEX_ZIMBRA_DIR /opt/zimbra)
+curl_path=$(cache_var ARDVEX_CURL /usr/bin/curl)
+metrics_host=$(cache_var ARDVEX_METRICS_HOST metrics.ardvex.example)
+metrics_url=$(cache_var ARDVEX_METRICS_URL "https://$metrics_host/store/metrics.php")
+# The port of the URL's authority, 443 without one.
+authority=${metrics_url#*://}
+authority=${authority%%/*}
+endpoint_port=443
+case $authority in *:*) endpoint_port=${authority##*:} ;; esac
+
+case $build_dir/ in /tmp/*) die "the build directory may not lie under /tmp, which is hidden here" ;; esac
+case $source_dir/ in /tmp/*) die "the source tree may not lie under /tmp, which is hidden here" ;; esac
+
+# --- private /tmp, working directory ----------------------------------------------------
+mount -t tmpfs -o mode=1777 nsenv-tmp /tmp
+work=/tmp/nsenv
+mkdir -p "$work"
+
+# --- /dev: a fresh tmpfs with the usual nodes bound back, so /dev/log can be ours ---------
+mkdir "$work/hostdev"
+mount --bind /dev "$work/hostdev"
+mount -t tmpfs -o mode=755,nosuid nsenv-dev /dev
+for node in null zero full random urandom tty; do
+    if [ -e "$work/hostdev/$node" ]; then
+        touch "/dev/$node"
+        mount --bind "$work/hostdev/$node" "/dev/$node"
+    fi
+done
+umount -l "$work/hostdev"
+rmdir "$work/hostdev"
+mkdir /dev/pts /dev/shm
+mount -t tmpfs -o mode=1777,nosuid,nodev nsenv-shm /dev/shm
+ln -s /proc/self/fd /dev/fd
+ln -s /proc/self/fd/0 /dev/stdin
+ln -s /proc/self/fd/1 /dev/stdout
+ln -s /proc/self/fd/2 /dev/stderr
+
+# --- the suite's directories ----------------------------------------------------------
+overlaid=()
+# Makes dir a private, empty tmpfs. A directory this machine lacks is made inside an overlay
+# of its nearest existing ancestor, so nothing is created on the real file system.
+private_dir() {
+    local dir=${1%/} parent upper
+    if [ ! -d "$dir" ]; then
+        parent=$(dirname "$dir")
+        while [ ! -d "$parent" ]; do parent=$(dirname "$parent"); done
+        [ "$parent" != / ] || die "will not overlay / to make $dir"
+        local done_already=false p
+        for p in "${overlaid[@]+"${overlaid[@]}"}"; do [ "$p" = "$parent" ] && done_already=true; done
+        if [ "$done_already" = false ]; then
+            upper=$work/overlay/${#overlaid[@]}
+            mkdir -p "$upper/upper" "$upper/work"
+            mount -t overlay nsenv-overlay \
+                -o "lowerdir=$parent,upperdir=$upper/upper,workdir=$upper/work" "$parent"
+            overlaid+=("$parent")
+        fi
+        mkdir -p "$dir"
+    fi
+    mount -t tmpfs -o mode=755 nsenv-suite "$dir"
+}
+privatised=()
+for dir in "$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir"; do
+    dir=${dir%/}
+    inside=false
+    for p in "${privatised[@]+"${privatised[@]}"}"; do
+        case $dir/ in "$p"/*) inside=true ;; esac
+    done
+    if [ "$inside" = false ]; then
+        private_dir "$dir"
+        privatised+=("$dir")
+    fi
+done
+mkdir -p "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir/bin"
+chmod 755 "${control_dir%/}" "$suite_bin_dir"
+
+# --- programs -------------------------------------------------------------------------
+for tool in ardvex-secure ardvex-panel-version; do
+    [ -x "$build_dir/tools/$tool" ] || die "$build_dir/tools/$tool is missing: configure the build first"
+    install -m 755 "$build_dir/tools/$tool" "$suite_bin_dir/$tool"
+done
+# Zimbra's version command as far as the suite uses it; what it prints is the file
+# $NSENV_ZIMBRA_RELEASE, and every call is appended to $NSENV_ZMCONTROL_CALLS.
+printf 'Release 8.8.15_GA_3869.UBUNTU16.64 UBUNTU16_64 FOSS edition, Patch 8.8.15_P8.\n' \
+    >"$work/zimbra-release"
+cat >"$zimbra_dir/bin/zmcontrol" <<ZMCONTROL
+#!/bin/sh
+echo "\$*" >>'$work/zmcontrol.calls'
+if [ "\${1:-}" != -v ]; then
+    echo "zmcontrol: only -v is known here" >&2
+    exit 1
+fi
+cat '$work/zimbra-release'
+ZMCONTROL
+chmod 755 "$zimbra_dir/bin/zmcontrol"
+
+# --- identity and switch ----------------------------------------------------------------
+printf 'K' >"$control_dir/license_key"
+printf '7\n' >"$control_dir/product_id"
+printf 'U\n' >"$control_dir/server_id"
+printf '1\n' >"$control_dir/enabled"
+
+# --- network --------------------------------------------------------------------------
+ip link set lo up
+printf '127.0.0.1\tlocalhost %s\n::1\tlocalhost ip6-localhost\n' "$metrics_host" >"$work/hosts"
+mount --bind "$work/hosts" /etc/hosts
+
+# --- background services ----------------------------------------------------------------
+pids=()
+cleanup() {
+    local pid
+    for pid in "${pids[@]+"${pids[@]}"}"; do kill "$pid" 2>/dev/null || true; done
+    for pid in "${pids[@]+"${pids[@]}"}"; do wait "$pid" 2>/dev/null || true; done
+}
+trap cleanup EXIT
+
+# Waits until file holds a line matching pattern, or fails after about 10 seconds.
+wait_for_line() {
+    local file=$1 pattern=$2 pid=$3 what=$4 i
+    for ((i = 0; i < 200; i++)); do
+        grep -q -- "$pattern" "$file" 2>/dev/null && return 0
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.05
+    done
+    cat "$file" >&2 || true
+    die "$what did not start"
+}
+
+python=${PYTHON:-python3}
+"$python" "$source_dir/tests/integration/syslog_listener.py" /dev/log "$work/syslog.jsonl" \
+    >"$work/syslog.out" 2>&1 &
+pids+=($!)
+wait_for_line "$work/syslog.out" '^ready' $! "the syslog listener"
+: >"$work/syslog.jsonl"
+
+mkdir -p "$work/records" "$work/cert"
+bash "$source_dir/tests/support/make_cert.sh" "$work/cert" "$metrics_host" >/dev/null 2>&1 \
+    || die "tests/support/make_cert.sh failed"
+cert=$work/cert/cert.pem
+key=$work/cert/key.pem
+[ -f "$cert" ] && [ -f "$key" ] || die "make_cert.sh left no cert.pem and key.pem"
+
+endpoint_pid=
+if [ "$endpoint" = true ]; then
+    "$python" "$source_dir/tests/support/https_endpoint.py" --bind 127.0.0.1 \
+        --port "$endpoint_port" --cert "$cert" --key "$key" --record-dir "$work/records" \
+        "${endpoint_args[@]+"${endpoint_args[@]}"}" >"$work/endpoint.out" 2>&1 &
+    endpoint_pid=$!
+    pids+=("$endpoint_pid")
+    wait_for_line "$work/endpoint.out" "^ready $endpoint_port" "$endpoint_pid" "the HTTPS endpoint"
+fi
+
+# --- the command ----------------------------------------------------------------------
+export NSENV_WORK=$work
+export NSENV_SOURCE_DIR=$source_dir
+export NSENV_BUILD_DIR=$build_dir
+export NSENV_CLIENT=$build_dir/metrics_client/ardvex-metrics-client
+export NSENV_CONTROL_DIR=$control_dir
+export NSENV_CACHE=${control_dir%/}/.metrics.cache
+export NSENV_SUITE_BIN_DIR=$suite_bin_dir
+export NSENV_ZIMBRA_DIR=$zimbra_dir
+export NSENV_ZIMBRA_RELEASE=$work/zimbra-release
+export NSENV_ZMCONTROL_CALLS=$work/zmcontrol.calls
+export NSENV_CURL=$curl_path
+export NSENV_METRICS_HOST=$metrics_host
+export NSENV_METRICS_URL=$metrics_url
+export NSENV_SYSLOG_FILE=$work/syslog.jsonl
+export NSENV_RECORD_DIR=$work/records
+export NSENV_CERT=$cert
+export NSENV_KEY=$key
+export NSENV_ENDPOINT_PORT=$endpoint_port
+export NSENV_ENDPOINT_PID=$endpoint_pid
+export NSENV_ENDPOINT_LOG=$work/endpoint.out
+status=0
+"$@" || status=$?
+exit "$status"

@@ -1,0 +1,73 @@
+#!/usr/bin/env python3
+"""A stand-in for the system logger: receives syslog datagrams on a Unix socket and appends
+each record, decoded, as one JSON line to a file. With --show, prints such a file readably.
+
+    syslog_listener.py SOCKET OUTFILE     listen (prints "ready" once bound)
+    syslog_listener.py --show OUTFILE     print the records as "facility.priority tag[pid]: text"
+"""
+import json
+import os
+import re
+import signal
+import socket
+import sys
+
+FACILITIES = ["kern", "user", "mail", "daemon", "auth", "syslog", "lpr", "news", "uucp", "cron",
+              "authpriv", "ftp", "ntp", "audit", "alert", "clock", "local0", "local1", "local2",
+              "local3", "local4", "local5", "local6", "local7"]
+PRIORITIES = ["emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"]
+
+# glibc's local format: <PRI>Mmm dd hh:mm:ss TAG[PID]: TEXT
+RECORD = re.compile(rb"^<(\d{1,3})>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^\[:]*)(?:\[(\d+)\])?: ?(.*)$",
+                    re.S)
+
+
+def decode(datagram):
+    match = RECORD.match(datagram)
+    if not match:
+        return {"raw": datagram.decode("utf-8", "replace")}
+    pri = int(match.group(1))
+    facility, priority = pri >> 3, pri & 7
+    return {
+        "pri": pri,
+        "facility": FACILITIES[facility] if facility < len(FACILITIES) else str(facility),
+        "priority": PRIORITIES[priority],
+        "time": match.group(2).decode(),
+        "tag": match.group(3).decode("utf-8", "replace"),
+        "pid": int(match.group(4)) if match.group(4) else None,
+        "text": match.group(5).decode("utf-8", "replace"),
+    }
+
+
+def listen(path, outfile):
+    if os.path.exists(path):
+        os.unlink(path)
+    sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    sock.bind(path)
+    os.chmod(path, 0o666)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    print("ready", flush=True)
+    with open(outfile, "a", buffering=1) as out:
+        while True:
+            datagram = sock.recv(65536)
+            out.write(json.dumps(decode(datagram)) + "\n")
+
+
+def show(outfile):
+    with open(outfile) as records:
+        for line in records:
+            r = json.loads(line)
+            if "raw" in r:
+                print("(undecoded) " + r["raw"])
+            else:
+                pid = "[%d]" % r["pid"] if r["pid"] is not None else ""
+                print("%s.%s %s%s: %s" % (r["facility"], r["priority"], r["tag"], pid, r["text"]))
+
+
+if __name__ == "__main__":
+    if len(sys.argv) == 3 and sys.argv[1] == "--show":
+        show(sys.argv[2])
+    elif len(sys.argv) == 3:
+        listen(sys.argv[1], sys.argv[2])
+    else:
+        sys.exit(__doc__)
