@@ -437,7 +437,7 @@ constexpr size_t kRecordHeaderSize = 20;
 // A loaded table may be far larger than its pairs need (maps are often created wide), but a
 // file claiming billions of slots for a handful of pairs is corrupt, and honouring it would
 // allocate gigabytes.
-constexpr uint64_t kMaxSlotsWithoutPairs = 1u << 24;
+constexpr uint64_t kMaxSlotsWithoutPairs = 1u << 20;
 constexpr uint64_t kMaxSlotsPerPair = 64;
 
 inline void put32(unsigned char* at, uint32_t v) noexcept { std::memcpy(at, &v, 4); }

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,11 +15,10 @@
 
 namespace {
 
-const std::string kEinval = std::strerror(EINVAL);
-const std::string kEnomem = std::strerror(ENOMEM);
+using strings = std::vector<std::string>;
 
-std::vector<std::string> entries(char* const* list) {
-    std::vector<std::string> out;
+strings entries(char* const* list) {
+    strings out;
     for (std::size_t i = 0; list != nullptr && list[i] != nullptr; ++i) out.emplace_back(list[i]);
     return out;
 }
@@ -37,7 +37,7 @@ TEST_F(NullTermListTest, SplodeCutsAtEveryDelimiter) {
         const char* input;
         char delim;
         bool keep_empty;
-        std::vector<std::string> expected;
+        strings expected;
     };
     const Case cases[] = {
         {"ls -l  /tmp", ' ', false, {"ls", "-l", "/tmp"}},
@@ -59,101 +59,81 @@ TEST_F(NullTermListTest, SplodeCutsAtEveryDelimiter) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(NullTermListTest, GrowsAndSharesEntries) {
-    char a[] = "a";
-    char b[] = "b";
-    char c[] = "c";
+TEST_F(NullTermListTest, GrowFindEqualAndRemove) {
+    char a[] = "a", b[] = "b", c[] = "c";
+    char* tail[] = {b, c, nullptr};
+    char* prefix[] = {a, b, nullptr};
+    char* none[] = {nullptr};
     ASSERT_NE(ow_lstcat(&list_, a), nullptr);
-    ASSERT_EQ(ow_lstcount(list_), 1u);
+    ASSERT_NE(ow_lstappend(&list_, tail), nullptr);
+    ASSERT_NE(ow_lstappend(&list_, none), nullptr);
+    ASSERT_EQ(ow_lstcount(list_), 3u);
     EXPECT_EQ(list_[0], a);  // stored, not copied
-    EXPECT_EQ(list_[1], nullptr);
-
-    char* second[] = {b, c, nullptr};
-    ASSERT_NE(ow_lstappend(&list_, second), nullptr);
-    EXPECT_EQ(entries(list_), (std::vector<std::string>{"a", "b", "c"}));
     EXPECT_EQ(list_[2], c);
     EXPECT_EQ(list_[3], nullptr);
-    ow_lstfree(&list_, nullptr);  // the entries are ours here
 
-    char* empty[] = {nullptr};
-    ASSERT_NE(ow_lstappend(&list_, empty), nullptr);
+    // Without a comparator only the same pointer matches.
+    char** copies = nullptr;
+    ASSERT_TRUE(ow_lstsplode_ex(&copies, "a b c", ' ', false));
+    EXPECT_EQ(ow_lstfind(list_, "b", std::strcmp), list_ + 1);
+    EXPECT_EQ(ow_lstfind(list_, "b", nullptr), nullptr);
+    EXPECT_EQ(ow_lstfind(list_, c, nullptr), list_ + 2);
+    EXPECT_EQ(ow_lstequal(list_, copies, std::strcmp), 1);
+    EXPECT_EQ(ow_lstequal(list_, copies, nullptr), 0);
+    EXPECT_EQ(ow_lstequal(list_, prefix, std::strcmp), 0);
+    EXPECT_EQ(ow_lstequal(prefix, list_, std::strcmp), 0);
+    EXPECT_EQ(ow_lstequal(none, none, nullptr), 1);
+    EXPECT_EQ(ow_lstequal(nullptr, none, nullptr), -1);
+
+    EXPECT_TRUE(ow_lstremove(copies, 0, std::free));
+    EXPECT_EQ(entries(copies), (strings{"b", "c"}));
+    EXPECT_EQ(copies[2], nullptr);
+    ow_lstfree(&copies, std::free);
+    ow_lstfree(&list_, nullptr);                     // the entries are ours here
+    ASSERT_NE(ow_lstappend(&list_, none), nullptr);  // an empty array, not a failure
     EXPECT_EQ(list_[0], nullptr);
-    EXPECT_EQ(ow_lstcount(list_), 0u);
-    ow_lstfree(&list_, nullptr);
     EXPECT_EQ(ow_lstcount(nullptr), 0u);
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(NullTermListTest, FindAndEqualUseTheComparator) {
-    ASSERT_TRUE(ow_lstsplode_ex(&list_, "x y z", ' ', false));
-    char** other = nullptr;
-    ASSERT_TRUE(ow_lstsplode_ex(&other, "x y z", ' ', false));
-
-    char** hit = ow_lstfind(list_, "y", std::strcmp);
-    ASSERT_NE(hit, nullptr);
-    EXPECT_EQ(hit, list_ + 1);
-    EXPECT_EQ(ow_lstfind(list_, "y", nullptr), nullptr);  // a different pointer
-    EXPECT_EQ(ow_lstfind(list_, list_[2], nullptr), list_ + 2);
-
-    EXPECT_EQ(ow_lstequal(list_, other, std::strcmp), 1);
-    EXPECT_EQ(ow_lstequal(list_, other, nullptr), 0);
-    char* shorter[] = {list_[0], list_[1], nullptr};
-    EXPECT_EQ(ow_lstequal(list_, shorter, std::strcmp), 0);
-    EXPECT_EQ(ow_lstequal(shorter, list_, std::strcmp), 0);
-    char* none[] = {nullptr};
-    EXPECT_EQ(ow_lstequal(none, none, nullptr), 1);
-    EXPECT_EQ(ow_lstequal(nullptr, none, nullptr), -1);
-    ow_lstfree(&other, std::free);
-    EXPECT_NO_ERRORS();
-}
-
-TEST_F(NullTermListTest, RemoveShiftsTheRestAndReleases) {
-    ASSERT_TRUE(ow_lstsplode_ex(&list_, "a b c", ' ', false));
-    EXPECT_TRUE(ow_lstremove(list_, 0, std::free));
-    EXPECT_EQ(entries(list_), (std::vector<std::string>{"b", "c"}));
-    EXPECT_EQ(list_[2], nullptr);
-
-    EXPECT_FALSE(ow_lstremove(list_, 2, std::free));
-    EXPECT_ERROR_LINE("ow_lstremove", kEinval);
-    EXPECT_FALSE(ow_lstremove(nullptr, 0, std::free));
-}
-
 TEST_F(NullTermListTest, RefusedArguments) {
     char a[] = "a";
-    char* empty[] = {nullptr};
-    struct Case {
-        const char* func;
-        bool refused;
+    char* one[] = {a, nullptr};
+    const std::pair<const char*, std::function<bool()>> cases[] = {
+        {"ow_lstcat", [&] { return ow_lstcat(nullptr, a) == nullptr; }},
+        {"ow_lstcat", [&] { return ow_lstcat(&list_, nullptr) == nullptr; }},
+        {"ow_lstappend", [&] { return ow_lstappend(nullptr, one) == nullptr; }},
+        {"ow_lstappend", [&] { return ow_lstappend(&list_, nullptr) == nullptr; }},
+        {"ow_lstfind", [&] { return ow_lstfind(nullptr, "a", nullptr) == nullptr; }},
+        {"ow_lstfind", [&] { return ow_lstfind(one, nullptr, nullptr) == nullptr; }},
+        {"ow_lstsplode_ex", [&] { return !ow_lstsplode_ex(nullptr, "a", ' ', false); }},
+        {"ow_lstsplode_ex", [&] { return !ow_lstsplode_ex(&list_, nullptr, ' ', false); }},
+        {"ow_lstsplode_ex", [&] { return !ow_lstsplode_ex(&list_, "a", '\0', false); }},
+        {"ow_lstremove", [&] { return !ow_lstremove(nullptr, 0, std::free); }},
+        {"ow_lstremove", [&] { return !ow_lstremove(one, 1, nullptr); }},  // past the end
     };
-    const Case cases[] = {
-        {"ow_lstcat", ow_lstcat(nullptr, a) == nullptr},
-        {"ow_lstcat", ow_lstcat(&list_, nullptr) == nullptr},
-        {"ow_lstappend", ow_lstappend(nullptr, empty) == nullptr},
-        {"ow_lstappend", ow_lstappend(&list_, nullptr) == nullptr},
-        {"ow_lstfind", ow_lstfind(nullptr, "a", nullptr) == nullptr},
-        {"ow_lstfind", ow_lstfind(empty, nullptr, nullptr) == nullptr},
-        {"ow_lstsplode_ex", !ow_lstsplode_ex(nullptr, "a", ' ', false)},
-        {"ow_lstsplode_ex", !ow_lstsplode_ex(&list_, nullptr, ' ', false)},
-        {"ow_lstsplode_ex", !ow_lstsplode_ex(&list_, "a", '\0', false)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.func);
-        EXPECT_TRUE(c.refused);
-        EXPECT_ERROR_LINE(c.func, kEinval);
+    int row = 0;
+    for (const auto& [func, refused] : cases) {
+        SCOPED_TRACE(row++);
+        clear_log();
+        EXPECT_TRUE(refused());
+        EXPECT_ERROR_LINE(func, std::strerror(EINVAL));
     }
     EXPECT_EQ(list_, nullptr);
+    EXPECT_EQ(entries(one), strings{"a"});
     ow_lstfree(nullptr, std::free);  // no-op
 }
 
 TEST_F(NullTermListTest, FailedGrowthKeepsTheOldArray) {
+    const std::string enomem = std::strerror(ENOMEM);
     ASSERT_TRUE(ow_lstsplode_ex(&list_, "a b", ' ', false));
     char** before = list_;
     char c[] = "c";
     ow::testing::fail_allocation(1);
     EXPECT_EQ(ow_lstcat(&list_, c), nullptr);
-    EXPECT_ERROR_LINE("ow_lstcat", kEnomem);
+    EXPECT_ERROR_LINE("ow_lstcat", enomem);
     EXPECT_EQ(list_, before);
-    EXPECT_EQ(entries(list_), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(entries(list_), (strings{"a", "b"}));
 
     // Splitting "x y": piece copy, block growth, piece copy, block growth. Failing the
     // growth for "y" keeps "x" and frees the copy of "y".
@@ -161,15 +141,15 @@ TEST_F(NullTermListTest, FailedGrowthKeepsTheOldArray) {
     ow_lstfree(&list_, std::free);
     ow::testing::fail_allocation(4);
     EXPECT_FALSE(ow_lstsplode_ex(&list_, "x y", ' ', false));
-    EXPECT_ERROR_LINE("ow_lstcat", kEnomem);
+    EXPECT_ERROR_LINE("ow_lstcat", enomem);
     EXPECT_ERROR_LINE("ow_lstsplode_ex", "Failed to append entry to list");
-    EXPECT_EQ(entries(list_), (std::vector<std::string>{"x"}));
+    EXPECT_EQ(entries(list_), strings{"x"});
 
     clear_log();
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_lstsplode_ex(&list_, "y", ' ', false));
-    EXPECT_ERROR_LINE("ow_lstsplode_ex", kEnomem);
-    EXPECT_EQ(entries(list_), (std::vector<std::string>{"x"}));
+    EXPECT_ERROR_LINE("ow_lstsplode_ex", enomem);
+    EXPECT_EQ(entries(list_), strings{"x"});
 }
 
 }  // namespace
