@@ -84,11 +84,31 @@ authority=${authority%%/*}
 endpoint_port=443
 case $authority in *:*) endpoint_port=${authority##*:} ;; esac
 
-case $build_dir/ in /tmp/*) die "the build directory may not lie under /tmp, which is hidden here" ;; esac
-case $source_dir/ in /tmp/*) die "the source tree may not lie under /tmp, which is hidden here" ;; esac
-
 # --- private /tmp, working directory ----------------------------------------------------
+# A source tree or build directory under /tmp (a CI checkout, say) is carried over into the
+# private /tmp at the same path, through a holding mount that only this namespace sees.
+keep=()
+for d in "$source_dir" "$build_dir"; do
+    case $d/ in /tmp/*) ;; *) continue ;; esac
+    inside=false
+    for k in "${keep[@]}"; do case $d/ in "$k"/*) inside=true ;; esac; done
+    $inside || keep+=("$d")
+done
+if ((${#keep[@]})); then
+    mount -t tmpfs nsenv-hold /mnt
+    for i in "${!keep[@]}"; do
+        mkdir "/mnt/$i"
+        mount --bind "${keep[$i]}" "/mnt/$i"
+    done
+fi
 mount -t tmpfs -o mode=1777 nsenv-tmp /tmp
+if ((${#keep[@]})); then
+    for i in "${!keep[@]}"; do
+        mkdir -p "${keep[$i]}"
+        mount --bind "/mnt/$i" "${keep[$i]}"
+    done
+    umount -l /mnt
+fi
 work=/tmp/nsenv
 mkdir -p "$work"
 
