@@ -1,0 +1,1232 @@
+// tiny_rex: a recursive-descent compiler into a flat array of index-linked nodes and a
+// backtracking matcher over that array. The matcher passes each node "what follows it" as a
+// chain of continuation frames on the stack, so that the look-ahead of a repetition or of a
+// ".*" run sees past the end of a group into the rest of the pattern. Every node is
+// validated as it is entered, because node arrays also come from files on disk; stack depth
+// and total work are bounded because subjects come from the network.
+#include "tiny_rex.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "ow_internal.hpp"
+
+static_assert(sizeof(TRexNode) == 16, "a node is the 16-byte record of the pattern files");
+static_assert(offsetof(TRexNode, type) == 0);
+static_assert(offsetof(TRexNode, left) == 4);
+static_assert(offsetof(TRexNode, right) == 8);
+static_assert(offsetof(TRexNode, next) == 12);
+
+// Compiler and matcher helpers report under the public function the caller invoked.
+#define TREX_COMPILE_ERROR(...)                                                                   \
+    ::ow_log_error("trex_compile_ex", ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), \
+                   __VA_ARGS__)
+#define TREX_MATCH_ERROR(...)                                                                \
+    ::ow_log_error("trex_match", ::ow::base_name(__FILE__), static_cast<uint32_t>(__LINE__), \
+                   __VA_ARGS__)
+
+namespace {
+
+// ---------------------------------------------------------------------------------------
+// Character classes of the POSIX locale, fixed here so that a program calling setlocale()
+// cannot change what a stored pattern matches.
+enum : uint16_t {
+    kAlpha = 1 << 0,
+    kCntrl = 1 << 1,
+    kDigit = 1 << 2,
+    kLower = 1 << 3,
+    kPunct = 1 << 4,
+    kSpace = 1 << 5,
+    kUpper = 1 << 6,
+    kXdigit = 1 << 7,
+    kPrint = 1 << 8,
+};
+
+constexpr std::array<uint16_t, 256> make_ctype() {
+    std::array<uint16_t, 256> t{};
+    for (int c = 0; c < 256; ++c) {
+        uint16_t f = 0;
+        const bool upper = c >= 'A' && c <= 'Z';
+        const bool lower = c >= 'a' && c <= 'z';
+        const bool digit = c >= '0' && c <= '9';
+        if (upper) f |= kUpper | kAlpha;
+        if (lower) f |= kLower | kAlpha;
+        if (digit) f |= kDigit;
+        if (digit || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')) f |= kXdigit;
+        if (c < 32 || c == 127) f |= kCntrl;
+        if ((c >= 9 && c <= 13) || c == ' ') f |= kSpace;
+        if (c >= 32 && c <= 126) f |= kPrint;
+        if (c > 32 && c <= 126 && !upper && !lower && !digit) f |= kPunct;
+        t[static_cast<std::size_t>(c)] = f;
+    }
+    return t;
+}
+constexpr std::array<uint16_t, 256> kCtype = make_ctype();
+
+constexpr bool has(unsigned char c, uint16_t flags) { return (kCtype[c] & flags) != 0; }
+constexpr bool is_print(unsigned char c) { return has(c, kPrint); }
+constexpr bool is_space(unsigned char c) { return has(c, kSpace); }
+constexpr int fold(int c) { return (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c; }
+
+// The letters after a backslash that name a class; any other letter in a stored class node
+// matches nothing.
+constexpr bool is_class_letter(unsigned char c) {
+    switch (c) {
+        case 'a':
+        case 'A':
+        case 'c':
+        case 'C':
+        case 'd':
+        case 'D':
+        case 'l':
+        case 'p':
+        case 'P':
+        case 's':
+        case 'S':
+        case 'u':
+        case 'w':
+        case 'W':
+        case 'x':
+        case 'X':
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool class_letter_matches(int32_t letter, unsigned char c) {
+    switch (letter) {
+        case 'a':
+            return has(c, kAlpha);
+        case 'A':
+            return !has(c, kAlpha);
+        case 'c':
+            return has(c, kCntrl);
+        case 'C':
+            return !has(c, kCntrl);
+        case 'd':
+            return has(c, kDigit);
+        case 'D':
+            return !has(c, kDigit);
+        case 'l':
+            return has(c, kLower);
+        case 'p':
+            return has(c, kPunct);
+        case 'P':
+            return !has(c, kPunct);
+        case 's':
+            return has(c, kSpace);
+        case 'S':
+            return !has(c, kSpace);
+        case 'u':
+            return has(c, kUpper);
+        case 'w':
+            return has(c, kAlpha | kDigit) || c == '_';
+        case 'W':
+            return !(has(c, kAlpha | kDigit) || c == '_');
+        case 'x':
+            return has(c, kXdigit);
+        case 'X':
+            return !has(c, kXdigit);
+        default:
+            return false;
+    }
+}
+
+// The control characters the escapes \t \n \v \f \r stand for (codes 9 to 13).
+constexpr int control_escape(unsigned char c) {
+    switch (c) {
+        case 'f':
+            return 12;
+        case 'n':
+            return 10;
+        case 'r':
+            return 13;
+        case 't':
+            return 9;
+        case 'v':
+            return 11;
+        default:
+            return -1;
+    }
+}
+
+// A character node is valid for the printable codes and for the five control codes the
+// escapes produce, so that everything the compiler makes can also match.
+constexpr bool valid_character_code(int32_t code) {
+    return (code >= 32 && code <= 126) || (code >= 9 && code <= 13);
+}
+
+constexpr uint32_t pack_bounds(uint32_t min, uint32_t max) { return max | (min << 16); }
+constexpr uint32_t bounds_min(int32_t right) { return static_cast<uint32_t>(right) >> 16; }
+constexpr uint32_t bounds_max(int32_t right) { return static_cast<uint32_t>(right) & 0xFFFFu; }
+
+// ---------------------------------------------------------------------------------------
+// Compiler. Each parse function returns the index of the node it built, or -1 after
+// logging; exp->cursor walks the wrapped text.
+
+int32_t new_node(TRex* exp, int32_t type) {
+    if (exp->nsize >= exp->nallocated) {
+        // Double the array; a failed growth leaves the old array in place for trex_free().
+        std::size_t capacity =
+            exp->nallocated > 0 ? static_cast<std::size_t>(exp->nallocated) * 2 : 1;
+        std::size_t bytes = 0;
+        if (capacity > INT32_MAX || ow::mul_overflows(capacity, sizeof(TRexNode), &bytes)) {
+            TREX_COMPILE_ERROR("%s", std::strerror(ENOMEM));
+            return -1;
+        }
+        auto* grown = static_cast<TRexNode*>(ow::mem_realloc(exp->nodes, bytes));
+        if (grown == nullptr) {
+            TREX_COMPILE_ERROR("%s", std::strerror(ENOMEM));
+            return -1;
+        }
+        exp->nodes = grown;
+        exp->nallocated = static_cast<int32_t>(capacity);
+    }
+    TRexNode& n = exp->nodes[exp->nsize];
+    n.type = type;
+    n.left = -1;
+    n.right = -1;
+    n.next = -1;
+    if (type == OP_EXPRESSION) n.right = exp->nsubexpr++;
+    return exp->nsize++;
+}
+
+// Parses a decimal number at the cursor (which is at a digit) into *out.
+bool parse_number(TRex* exp, long* out) {
+    long value = 0;
+    while (has(static_cast<unsigned char>(*exp->cursor), kDigit)) {
+        value = value * 10 + (*exp->cursor - '0');
+        if (value > INT32_MAX) {
+            TREX_COMPILE_ERROR("overflow in numeric constant");
+            return false;
+        }
+        ++exp->cursor;
+    }
+    *out = value;
+    return true;
+}
+
+// A single character, a class letter or (outside a class) a word block.
+int32_t parse_charnode(TRex* exp, bool in_class) {
+    auto c = static_cast<unsigned char>(*exp->cursor);
+    if (c == '\\') {
+        ++exp->cursor;
+        c = static_cast<unsigned char>(*exp->cursor);
+        if (is_class_letter(c)) {
+            ++exp->cursor;
+            const int32_t n = new_node(exp, OP_CHARACTER_CLASS);
+            if (n < 0) {
+                TREX_COMPILE_ERROR("failed to create character class node");
+                return -1;
+            }
+            exp->nodes[n].left = c;
+            return n;
+        }
+        if ((c == 'b' || c == 'B') && !in_class) {
+            ++exp->cursor;
+            const int32_t n = new_node(exp, OP_WORD_BLOCK);
+            if (n < 0) {
+                TREX_COMPILE_ERROR("failed to create word block node");
+                return -1;
+            }
+            exp->nodes[n].left = c;
+            return n;
+        }
+        int code = control_escape(c);
+        if (code < 0) {
+            // An escaped byte is taken literally, but only if a character node can hold it.
+            if (!is_print(c)) {
+                TREX_COMPILE_ERROR("non-printable character %d found", c);
+                return -1;
+            }
+            code = c;
+        }
+        ++exp->cursor;
+        const int32_t n = new_node(exp, code);
+        if (n < 0) {
+            if (in_class) {
+                TREX_COMPILE_ERROR("failed to create character node");
+            } else {
+                TREX_COMPILE_ERROR("Failed to create character node");
+            }
+        }
+        return n;
+    }
+    if (!is_print(c)) {
+        TREX_COMPILE_ERROR("non-printable character %d found", c);
+        return -1;
+    }
+    ++exp->cursor;
+    const int32_t n = new_node(exp, c);
+    if (n < 0) {
+        if (in_class) {
+            TREX_COMPILE_ERROR("failed to create character node");
+        } else {
+            TREX_COMPILE_ERROR("Failed to create character node");
+        }
+    }
+    return n;
+}
+
+// The members of "[...]" after the "[", up to and including the "]".
+int32_t parse_class(TRex* exp) {
+    int32_t type = OP_CLASS;
+    if (*exp->cursor == '^') {
+        type = OP_NON_MATCH_CLASS;
+        ++exp->cursor;
+    }
+    const int32_t cls = new_node(exp, type);
+    if (cls < 0) {
+        if (type == OP_NON_MATCH_CLASS) {
+            TREX_COMPILE_ERROR("failed to create non match class node");
+        } else {
+            TREX_COMPILE_ERROR("failed to create class node");
+        }
+        return -1;
+    }
+    if (*exp->cursor == ']') {
+        TREX_COMPILE_ERROR("empty class match segment");
+        return -1;
+    }
+    int32_t head = -1;
+    int32_t tail = -1;
+    int32_t pending = -1;  // the last member, which a following "-" turns into a range start
+    const char* pending_at = nullptr;
+    auto link = [exp, &head, &tail](int32_t member) {
+        if (tail < 0) {
+            head = member;
+        } else {
+            exp->nodes[tail].next = member;
+        }
+        tail = member;
+    };
+    while (*exp->cursor != '\0' && *exp->cursor != ']') {
+        if (*exp->cursor == '-' && pending >= 0) {
+            ++exp->cursor;
+            if (*exp->cursor == ']') {
+                TREX_COMPILE_ERROR("unfinished range: %c", *exp->cursor);
+                return -1;
+            }
+            if (*exp->cursor == '\0') {
+                TREX_COMPILE_ERROR("invalid character \\0 in class range");
+                return -1;
+            }
+            int end;
+            auto c = static_cast<unsigned char>(*exp->cursor);
+            if (c == '\\') {
+                ++exp->cursor;
+                c = static_cast<unsigned char>(*exp->cursor);
+                if (c == '\0') {
+                    TREX_COMPILE_ERROR("invalid character \\0 in class range");
+                    return -1;
+                }
+                end = control_escape(c) >= 0 ? control_escape(c) : c;
+            } else if (!is_print(c)) {
+                TREX_COMPILE_ERROR("letter expected");
+                return -1;
+            } else {
+                end = c;
+            }
+            const int32_t start = exp->nodes[pending].type;
+            if (start > end) {
+                TREX_COMPILE_ERROR("invalid range [%s]", pending_at);
+                return -1;
+            }
+            ++exp->cursor;
+            const int32_t range = new_node(exp, OP_RANGE);
+            if (range < 0) {
+                TREX_COMPILE_ERROR("failed to create RANGE operator node");
+                return -1;
+            }
+            exp->nodes[range].left = start;
+            exp->nodes[range].right = end;
+            link(range);
+            pending = -1;
+        } else {
+            if (pending >= 0) link(pending);
+            pending_at = exp->cursor;
+            pending = parse_charnode(exp, true);
+            if (pending < 0) return -1;
+        }
+    }
+    if (pending >= 0) link(pending);
+    if (*exp->cursor != ']') {
+        TREX_COMPILE_ERROR("failed to find expected character [%c]", ']');
+        return -1;
+    }
+    ++exp->cursor;
+    exp->nodes[cls].left = head;
+    return cls;
+}
+
+int32_t parse_list(TRex* exp, int nesting);
+
+// One element and the repetition that may follow it.
+int32_t parse_element(TRex* exp, int nesting) {
+    int32_t n = -1;
+    switch (*exp->cursor) {
+        case '*':
+        case '+':
+        case '?':
+        case '{':
+            return -1;
+        case '$':
+            ++exp->cursor;
+            n = new_node(exp, OP_EOL);
+            if (n < 0) {
+                TREX_COMPILE_ERROR("failed to create EOL node");
+                return -1;
+            }
+            break;
+        case '(': {
+            if (nesting >= TREX_MAX_NESTING) {
+                TREX_COMPILE_ERROR("groups nested deeper than %d", TREX_MAX_NESTING);
+                return -1;
+            }
+            ++exp->cursor;
+            if (*exp->cursor == '?') {
+                TREX_COMPILE_ERROR("failed to find expected character [%c]", ':');
+                return -1;
+            }
+            n = new_node(exp, OP_EXPRESSION);
+            if (n < 0) {
+                TREX_COMPILE_ERROR("Failed to create 'expression' node");
+                return -1;
+            }
+            const int32_t list = parse_list(exp, nesting + 1);
+            if (list < 0) {
+                TREX_COMPILE_ERROR("failed to parse through sub expression");
+                return -1;
+            }
+            exp->nodes[n].left = list;
+            if (*exp->cursor != ')') {
+                TREX_COMPILE_ERROR("failed to find expected character [%c]", ')');
+                return -1;
+            }
+            ++exp->cursor;
+            break;
+        }
+        case '.':
+            ++exp->cursor;
+            if (*exp->cursor == '*') {
+                ++exp->cursor;
+                n = new_node(exp, OP_ANY_RUN);
+            } else {
+                n = new_node(exp, OP_ANY);
+            }
+            if (n < 0) {
+                TREX_COMPILE_ERROR("failed to create ANY (dot) node");
+                return -1;
+            }
+            break;
+        case '[':
+            ++exp->cursor;
+            n = parse_class(exp);
+            if (n < 0) {
+                TREX_COMPILE_ERROR("failed to parse class");
+                return -1;
+            }
+            break;
+        default:
+            n = parse_charnode(exp, false);
+            if (n < 0) return -1;
+            break;
+    }
+
+    uint32_t min = 0;
+    uint32_t max = 0;
+    switch (*exp->cursor) {
+        case '*':
+            min = 0;
+            max = TREX_UNBOUNDED;
+            ++exp->cursor;
+            break;
+        case '+':
+            min = 1;
+            max = TREX_UNBOUNDED;
+            ++exp->cursor;
+            break;
+        case '?':
+            min = 0;
+            max = 1;
+            ++exp->cursor;
+            break;
+        case '{': {
+            ++exp->cursor;
+            if (!has(static_cast<unsigned char>(*exp->cursor), kDigit)) {
+                TREX_COMPILE_ERROR("number expected");
+                return -1;
+            }
+            long first = 0;
+            if (!parse_number(exp, &first)) return -1;
+            if (first > TREX_UNBOUNDED) {
+                TREX_COMPILE_ERROR("number exceeds maximum value %d", TREX_UNBOUNDED);
+                return -1;
+            }
+            min = static_cast<uint32_t>(first);
+            if (*exp->cursor == '}') {
+                max = min;
+                ++exp->cursor;
+            } else if (*exp->cursor == ',') {
+                ++exp->cursor;
+                max = TREX_UNBOUNDED;
+                if (has(static_cast<unsigned char>(*exp->cursor), kDigit)) {
+                    long second = 0;
+                    if (!parse_number(exp, &second)) return -1;
+                    if (second > TREX_UNBOUNDED) {
+                        TREX_COMPILE_ERROR("number %ld exceeds maximum value %d", second,
+                                           TREX_UNBOUNDED);
+                        return -1;
+                    }
+                    max = static_cast<uint32_t>(second);
+                }
+                if (*exp->cursor != '}') {
+                    TREX_COMPILE_ERROR("expected character '}' not found");
+                    return -1;
+                }
+                ++exp->cursor;
+            } else {
+                TREX_COMPILE_ERROR(", or } expected");
+                return -1;
+            }
+            break;
+        }
+        default:
+            return n;
+    }
+    const int32_t greedy = new_node(exp, OP_GREEDY);
+    if (greedy < 0) {
+        TREX_COMPILE_ERROR("error creating OP_GREEDY node");
+        return -1;
+    }
+    exp->nodes[greedy].left = n;
+    exp->nodes[greedy].right = static_cast<int32_t>(pack_bounds(min, max));
+    return greedy;
+}
+
+// Elements linked by next until the end of the text or a "|", ")", "*" or "+". Iterative, so
+// a long pattern costs no stack.
+int32_t parse_sequence(TRex* exp, int nesting) {
+    const int32_t head = parse_element(exp, nesting);
+    if (head < 0) return -1;
+    int32_t tail = head;
+    for (;;) {
+        const char c = *exp->cursor;
+        if (c == '\0' || c == '|' || c == ')' || c == '*' || c == '+') return head;
+        const int32_t e = parse_element(exp, nesting);
+        if (e < 0) return -1;
+        exp->nodes[tail].next = e;
+        tail = e;
+    }
+}
+
+// An optional "^", a sequence, and for each "|" an OR node whose right operand is the next
+// list: a|b|c becomes OR(a, OR(b, c)). Built in a loop so that many alternatives cost no
+// stack.
+int32_t parse_list(TRex* exp, int nesting) {
+    int32_t first_or = -1;
+    int32_t last_or = -1;
+    for (;;) {
+        int32_t bol = -1;
+        if (*exp->cursor == '^') {
+            ++exp->cursor;
+            bol = new_node(exp, OP_BOL);
+            if (bol < 0) {
+                TREX_COMPILE_ERROR("failed to create beginning of line node");
+                return -1;
+            }
+        }
+        int32_t seq = parse_sequence(exp, nesting);
+        if (seq < 0) return -1;
+        if (bol >= 0) {
+            exp->nodes[bol].next = seq;
+            seq = bol;
+        }
+        if (*exp->cursor != '|') {
+            if (last_or < 0) return seq;
+            exp->nodes[last_or].right = seq;
+            return first_or;
+        }
+        ++exp->cursor;
+        const int32_t alt = new_node(exp, OP_OR);
+        if (alt < 0) {
+            TREX_COMPILE_ERROR("failed to create 'or' node");
+            return -1;
+        }
+        exp->nodes[alt].left = seq;
+        if (last_or < 0) {
+            first_or = alt;
+        } else {
+            exp->nodes[last_or].right = alt;
+        }
+        last_or = alt;
+    }
+}
+
+// The text actually compiled: ".*" in front unless anchored or already there, ".*$" behind
+// unless anchored at the end.
+char* wrap_pattern(std::string_view pattern) {
+    const bool prefix = !(pattern.starts_with('^') || pattern.starts_with(".*"));
+    const bool suffix = !pattern.ends_with('$');
+    std::size_t size = 0;
+    if (ow::add_overflows(pattern.size(), 6, &size)) return nullptr;
+    auto* text = static_cast<char*>(ow::mem_malloc(size));
+    if (text == nullptr) return nullptr;
+    char* out = text;
+    if (prefix) out = static_cast<char*>(std::memcpy(out, ".*", 2)) + 2;
+    out = static_cast<char*>(std::memcpy(out, pattern.data(), pattern.size())) + pattern.size();
+    if (suffix) out = static_cast<char*>(std::memcpy(out, ".*$", 3)) + 3;
+    *out = '\0';
+    return text;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Validation: the one gate every node passes before the matcher uses its fields.
+
+static bool __trex_node_is_valid(const TRex* exp, const TRexNode* node) {
+    if (exp == nullptr) {
+        OW_ERROR("TRex* is NULL");
+        return false;
+    }
+    if (node == nullptr) {
+        OW_ERROR("node is NULL");
+        return false;
+    }
+    const int32_t type = node->type;
+    const bool left_is_char =
+        type == OP_RANGE || type == OP_WORD_BLOCK || type == OP_CHARACTER_CLASS;
+    if (!left_is_char && node->left >= 0 && node->left >= exp->nallocated) {
+        OW_ERROR("corrupt regex: node->left is out of range %d > %d", node->left, exp->nallocated);
+        return false;
+    }
+    const bool right_is_value = type == OP_GREEDY || type == OP_RANGE;
+    if (!right_is_value && node->right >= 0 && node->right >= exp->nallocated) {
+        OW_ERROR("corrupt regex: node->right is out of range %d > %d", node->right,
+                 exp->nallocated);
+        return false;
+    }
+    if (node->next >= 0 && node->next >= exp->nallocated) {
+        OW_ERROR("corrupt regex: node->next is out of range %d > %d", node->next, exp->nallocated);
+        return false;
+    }
+    switch (type) {
+        case OP_GREEDY: {
+            // -1 is "unused"; any other bit pattern is a pair of bounds.
+            if (node->right == -1) {
+                OW_ERROR("greedy operator must have value in 'right'");
+                return false;
+            }
+            if (node->left < 0) {
+                OW_ERROR("greedy operator must have value in 'left'");
+                return false;
+            }
+            const uint32_t min = bounds_min(node->right);
+            const uint32_t max = bounds_max(node->right);
+            if (min > max) {
+                OW_ERROR("greedy operator range %d - %d is invalid", static_cast<int>(min),
+                         static_cast<int>(max));
+                return false;
+            }
+            return true;
+        }
+        case OP_OR:
+            if (node->left < 0) {
+                OW_ERROR("OR operator must have value in 'left'");
+                return false;
+            }
+            if (node->right < 0) {
+                OW_ERROR("OR operator must have value in 'right'");
+                return false;
+            }
+            return true;
+        case OP_EXPRESSION:
+        case OP_EXPRESSION_ALT:
+            if (node->left < 0) {
+                OW_ERROR("expr () operator must have value in 'left'");
+                return false;
+            }
+            return true;
+        case OP_CLASS:
+        case OP_CHARACTER_CLASS:
+        case OP_NON_MATCH_CLASS:
+            if (node->left < 0) {
+                OW_ERROR("class operator must have value in 'left'");
+                return false;
+            }
+            return true;
+        case OP_RANGE:
+            if (node->left < 0) {
+                OW_ERROR("range operator must have value in 'left'");
+                return false;
+            }
+            if (node->right < 0) {
+                OW_ERROR("range operator must have value in 'right'");
+                return false;
+            }
+            return true;
+        case OP_ANY:
+        case OP_EOL:
+        case OP_BOL:
+        case OP_WORD_BLOCK:
+        case OP_ANY_RUN:
+            return true;
+        case OP_UNUSED:
+            return false;
+        default:
+            return valid_character_code(type);
+    }
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------
+// Matcher.
+
+// What follows a node: the sequence starting at node (at the given expression depth), and
+// after it whatever up describes. nullptr means nothing follows.
+struct cont {
+    int32_t node;
+    int32_t depth;
+    const cont* up;
+};
+
+struct matcher {
+    TRex* exp;
+    const TRexNode* nodes;
+    int32_t count;  // nallocated: every index must be below it
+    const char* bol;
+    const char* eol;
+    bool exact;
+    long steps = 0;
+    int recursion = 0;
+    // Set by a corrupt node or an exceeded limit: from then on every frame fails, so the
+    // match unwinds at once and reports one line, not one per backtracking attempt.
+    bool abandoned = false;
+    // Nodes already found valid in this match (the first kCheckedBits of them): their fields
+    // cannot change while it runs, so checking them again on every backtracking step only
+    // costs time.
+    static constexpr int32_t kCheckedBits = 4096;
+    uint64_t checked[kCheckedBits / 64];
+
+    matcher(TRex* e, const char* subject, const char* end)
+        : exp(e),
+          nodes(e->nodes),
+          count(e->nodes != nullptr ? e->nallocated : 0),
+          bol(subject),
+          eol(end),
+          exact(e->case_mode != 0) {
+        // Only the words a pattern of this size can use need clearing.
+        const int32_t used = count < kCheckedBits ? (count > 0 ? count : 0) : kCheckedBits;
+        std::memset(checked, 0, sizeof(uint64_t) * static_cast<std::size_t>((used + 63) / 64));
+    }
+};
+
+constexpr bool is_compound(int32_t type) {
+    return type == OP_GREEDY || type == OP_OR || type == OP_EXPRESSION ||
+           type == OP_EXPRESSION_ALT || type == OP_ANY_RUN;
+}
+
+// A fast, conservative form of the validation for the shapes the compiler produces: true
+// only for nodes the full check would also accept. Anything else takes the full check, which
+// reports what is wrong.
+inline bool plainly_valid(const TRexNode& n, int32_t count) {
+    const auto index = [count](int32_t v) { return v >= 0 && v < count; };
+    if (n.next != -1 && !index(n.next)) return false;
+    switch (n.type) {
+        case OP_GREEDY:
+            return index(n.left) && n.right != -1 && bounds_min(n.right) <= bounds_max(n.right);
+        case OP_OR:
+            return index(n.left) && index(n.right);
+        case OP_EXPRESSION:
+        case OP_EXPRESSION_ALT:
+            return index(n.left) && (n.right == -1 || index(n.right));
+        case OP_CLASS:
+        case OP_NON_MATCH_CLASS:
+            return index(n.left) && n.right == -1;
+        case OP_CHARACTER_CLASS:
+        case OP_WORD_BLOCK:
+            return n.left >= 0 && n.right == -1;
+        case OP_RANGE:
+            return n.left >= 0 && n.right >= 0;
+        case OP_ANY:
+        case OP_EOL:
+        case OP_BOL:
+        case OP_ANY_RUN:
+            return n.left == -1 && n.right == -1;
+        default:
+            return valid_character_code(n.type) && n.left == -1 && n.right == -1;
+    }
+}
+
+const TRexNode* enter_slow(matcher& m, int32_t i) {
+    if (m.abandoned) return nullptr;
+    if (m.steps > TREX_MAX_STEPS) {
+        TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
+        m.abandoned = true;
+        return nullptr;
+    }
+    const TRexNode* node = (i >= 0 && i < m.count) ? &m.nodes[i] : nullptr;
+    if ((node == nullptr || !plainly_valid(*node, m.count)) && !__trex_node_is_valid(m.exp, node)) {
+        TREX_MATCH_ERROR("%s", std::strerror(EINVAL));
+        m.abandoned = true;
+        return nullptr;
+    }
+    if (i < matcher::kCheckedBits) m.checked[i / 64] |= uint64_t{1} << (i % 64);
+    return node;
+}
+
+// Validates node i before its fields are used; nullptr ends the match.
+inline const TRexNode* enter(matcher& m, int32_t i) {
+    ++m.steps;
+    // i < count first: the words of checked beyond the pattern's size are never cleared.
+    if (i >= 0 && i < m.count && i < matcher::kCheckedBits &&
+        (m.checked[i / 64] >> (i % 64) & 1) != 0 && m.steps <= TREX_MAX_STEPS && !m.abandoned) {
+        return &m.nodes[i];
+    }
+    return enter_slow(m, i);
+}
+
+bool class_matches(matcher& m, int32_t first, unsigned char c) {
+    if (enter(m, first) == nullptr) return false;
+    const int ch = m.exact ? c : fold(c);
+    int32_t i = first;
+    int32_t walked = 0;
+    for (; walked < m.count; ++walked) {
+        const TRexNode& member = m.nodes[i];
+        if (member.type == OP_RANGE) {
+            const int lo = m.exact ? member.left : fold(member.left);
+            const int hi = m.exact ? member.right : fold(member.right);
+            if (lo <= ch && ch <= hi) return true;
+        } else if (member.type == OP_CHARACTER_CLASS) {
+            if (class_letter_matches(member.left, c)) return true;
+        } else if (member.type == c) {
+            return true;
+        }
+        i = member.next;
+        if (i < 0 || i >= m.count) break;
+    }
+    m.steps += walked;  // a long member chain costs budget like any other walk
+    return false;
+}
+
+const char* step_operator(matcher& m, const TRexNode& node, const char* s);
+
+// One single-position node: the position after it, or nullptr. Literal characters, by far
+// the most common nodes, are compared here without a call.
+inline const char* step(matcher& m, const TRexNode& node, const char* s) {
+    if (node.type >= 0 && node.type < 256) {
+        if (s >= m.eol) return nullptr;
+        const auto c = static_cast<unsigned char>(*s);
+        if (m.exact) return node.type == c ? s + 1 : nullptr;
+        return fold(node.type) == fold(c) ? s + 1 : nullptr;
+    }
+    return step_operator(m, node, s);
+}
+
+const char* step_operator(matcher& m, const TRexNode& node, const char* s) {
+    switch (node.type) {
+        case OP_ANY:
+            return s < m.eol ? s + 1 : nullptr;
+        case OP_CHARACTER_CLASS:
+            return s < m.eol && class_letter_matches(node.left, static_cast<unsigned char>(*s))
+                       ? s + 1
+                       : nullptr;
+        case OP_CLASS:
+        case OP_NON_MATCH_CLASS: {
+            if (s >= m.eol) return nullptr;
+            const bool member = class_matches(m, node.left, static_cast<unsigned char>(*s));
+            if (m.abandoned) return nullptr;
+            return member == (node.type == OP_CLASS) ? s + 1 : nullptr;
+        }
+        case OP_BOL:
+            return s == m.bol ? s : nullptr;
+        case OP_EOL:
+            return s == m.eol ? s : nullptr;
+        case OP_WORD_BLOCK: {
+            if (s >= m.eol) return s;
+            const auto here = static_cast<unsigned char>(s[0]);
+            const auto after = static_cast<unsigned char>(s[1]);  // s < eol, so s[1] exists
+            const bool edge = (s == m.bol && !is_space(here)) || is_space(here) != is_space(after);
+            return edge == (node.left == 'b') ? s + 1 : nullptr;
+        }
+        default:
+            return nullptr;  // a stray range node
+    }
+}
+
+const char* match_compound(matcher& m, const TRexNode& node, const char* s, int32_t depth,
+                           const cont* after);
+
+// Matches the sequence starting at node i and then whatever up holds; returns the final
+// position. Single-position nodes are walked in a loop; only compound nodes recurse.
+const char* match_seq(matcher& m, int32_t i, const char* s, int32_t depth, const cont* up) {
+    for (;;) {
+        const TRexNode* node = enter(m, i);
+        if (node == nullptr) return nullptr;
+        if (is_compound(node->type)) {
+            const cont rest{node->next, depth, up};
+            return match_compound(m, *node, s, depth, node->next >= 0 ? &rest : up);
+        }
+        s = step(m, *node, s);
+        if (s == nullptr) return nullptr;
+        if (node->next >= 0) {
+            i = node->next;
+        } else if (up != nullptr) {
+            i = up->node;
+            depth = up->depth;
+            up = up->up;
+        } else {
+            return s;
+        }
+    }
+}
+
+const char* run(matcher& m, const cont* k, const char* s) {
+    return k == nullptr ? s : match_seq(m, k->node, s, k->depth, k->up);
+}
+
+// Node i alone, with nothing after it: one repetition of a greedy operand.
+const char* match_one(matcher& m, int32_t i, const char* s, int32_t depth) {
+    const TRexNode* node = enter(m, i);
+    if (node == nullptr) return nullptr;
+    if (node->type == OP_ANY_RUN && node->next >= 0) {
+        const cont rest{node->next, depth, nullptr};
+        return match_compound(m, *node, s, depth, &rest);
+    }
+    if (is_compound(node->type)) return match_compound(m, *node, s, depth, nullptr);
+    return step(m, *node, s);
+}
+
+// ".*": the shortest run after which everything that follows matches up to the end of the
+// subject. A following part that matches but stops short of the end counts as a failed
+// attempt, so the scan always moves on and always ends.
+const char* match_any_run(matcher& m, const char* s, const cont* after) {
+    if (after == nullptr) return m.eol;
+    const TRexNode* first = enter(m, after->node);
+    if (first == nullptr) return nullptr;
+    // Only positions where the following node can take its first step are worth a try: a
+    // single-position node, or the operand of a repetition that needs at least one.
+    const TRexNode* probe = nullptr;
+    if (!is_compound(first->type)) {
+        probe = first;
+    } else if (first->type == OP_GREEDY && bounds_min(first->right) > 0) {
+        probe = enter(m, first->left);
+        if (probe == nullptr) return nullptr;
+        if (is_compound(probe->type)) probe = nullptr;
+    }
+    if (first->type != OP_EOL) {
+        for (const char* p = s; p < m.eol; ++p) {
+            if (++m.steps > TREX_MAX_STEPS) {
+                TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
+                m.abandoned = true;
+                return nullptr;
+            }
+            if (probe != nullptr && step(m, *probe, p) == nullptr) {
+                if (m.abandoned) return nullptr;
+                continue;
+            }
+            const char* r = run(m, after, p);
+            if (m.abandoned) return nullptr;
+            if (r == m.eol) return r;
+        }
+    }
+    // At the end of the subject only an end-of-line node can follow.
+    if (first->type != OP_EOL) return nullptr;
+    return run(m, after, m.eol);
+}
+
+// Up to four single-position nodes of which one must match at the first position of any
+// match of the sequence at node i: the node itself, or the first nodes of the alternatives
+// of a group. Zero when no such set is known.
+struct first_steps {
+    const TRexNode* nodes[4];
+    int count = 0;
+
+    bool exclude(matcher& m, const char* p) const {
+        if (count == 0) return false;
+        for (int k = 0; k < count; ++k) {
+            if (step(m, *nodes[k], p) != nullptr) return false;
+        }
+        return true;
+    }
+};
+
+first_steps first_steps_of(matcher& m, int32_t i) {
+    first_steps f;
+    const TRexNode* node = enter(m, i);
+    if (node != nullptr && (node->type == OP_EXPRESSION || node->type == OP_EXPRESSION_ALT)) {
+        node = enter(m, node->left);
+    }
+    while (node != nullptr && node->type == OP_OR && f.count < 4) {
+        const TRexNode* left = enter(m, node->left);
+        if (left == nullptr || is_compound(left->type)) return first_steps{};
+        f.nodes[f.count++] = left;
+        node = enter(m, node->right);
+    }
+    if (node == nullptr || is_compound(node->type) || f.count == 4) return first_steps{};
+    f.nodes[f.count++] = node;
+    return f;
+}
+
+const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_t depth,
+                         const cont* after) {
+    const uint32_t min = bounds_min(node.right);
+    const uint32_t max = bounds_max(node.right);
+    const TRexNode* op = enter(m, node.left);
+    if (op == nullptr) return nullptr;
+    // A single-position operand is stepped directly; anything else goes through the matcher.
+    const bool single = !is_compound(op->type);
+    auto repeat = [&m, op, single, depth, operand = node.left](const char* p) {
+        if (!single) return match_one(m, operand, p, depth);
+        ++m.steps;
+        return step(m, *op, p);
+    };
+    const char* r = s;
+
+    if (min == 0 && max == 1) {
+        // "?": take the one repetition only if the rest then matches.
+        const char* once = repeat(s);
+        if (once != nullptr) {
+            const char* e = run(m, after, once);
+            if (e != nullptr) return e;
+        }
+        return m.abandoned ? nullptr : run(m, after, s);
+    }
+    if (max == TREX_UNBOUNDED && min <= 1) {
+        // "*" and "+": the fewest repetitions (at least one once the operand has matched)
+        // after which the rest matches.
+        r = repeat(s);
+        if (r == nullptr) return (min == 0 && !m.abandoned) ? run(m, after, s) : nullptr;
+        if (after == nullptr) {
+            while (r < m.eol) {
+                const char* more = repeat(r);
+                if (more == nullptr || more == r) break;
+                r = more;
+            }
+            return m.abandoned ? nullptr : r;
+        }
+        for (;;) {
+            const char* e = run(m, after, r);
+            if (e != nullptr) return e;
+            if (m.abandoned || r >= m.eol) return nullptr;
+            const char* more = repeat(r);
+            if (more == nullptr || more == r) return nullptr;
+            r = more;
+        }
+    }
+    // The minimum first; a repetition that consumes nothing would repeat identically.
+    uint32_t done = 0;
+    while (done < min) {
+        const char* more = repeat(r);
+        if (more == nullptr) return nullptr;
+        ++done;
+        if (more == r) {
+            done = max;
+            break;
+        }
+        r = more;
+    }
+    if (min == max) return run(m, after, r);
+    if (after == nullptr || depth > 1) {
+        // Nested or last: as many as match, up to the maximum.
+        while (max == TREX_UNBOUNDED || done < max) {
+            const char* more = repeat(r);
+            if (more == nullptr || more == r) break;
+            r = more;
+            ++done;
+        }
+        return m.abandoned ? nullptr : run(m, after, r);
+    }
+    // The rest is tried after every repetition; most of those attempts fail on their first
+    // character, which is cheap to see without a full attempt.
+    const first_steps rest = first_steps_of(m, after->node);
+    for (;;) {
+        const char* e = rest.exclude(m, r) ? nullptr : run(m, after, r);
+        if (e != nullptr) return e;
+        if (m.abandoned || (max != TREX_UNBOUNDED && done >= max)) return nullptr;
+        const char* more = repeat(r);
+        if (more == nullptr || more == r) return nullptr;
+        r = more;
+        ++done;
+    }
+}
+
+const char* match_or(matcher& m, const TRexNode& node, const char* s, int32_t depth,
+                     const cont* after) {
+    // Each alternative is matched on its own, without what follows; the first one after which
+    // the rest also matches is kept. Chains of alternatives are walked in a loop, so a long
+    // list of them costs no stack.
+    const TRexNode* alt = &node;
+    for (;;) {
+        const TRexNode* left = enter(m, alt->left);
+        if (left == nullptr) return nullptr;
+        const char* r = (!is_compound(left->type) && left->next < 0)
+                            ? step(m, *left, s)
+                            : match_seq(m, alt->left, s, depth, nullptr);
+        if (r != nullptr) {
+            const char* e = run(m, after, r);
+            if (e != nullptr) return e;
+        }
+        if (m.abandoned) return nullptr;
+        const TRexNode* right = enter(m, alt->right);
+        if (right == nullptr) return nullptr;
+        if (right->type == OP_OR && right->next < 0) {
+            alt = right;
+            continue;
+        }
+        r = match_seq(m, alt->right, s, depth, nullptr);
+        return r != nullptr ? run(m, after, r) : nullptr;
+    }
+}
+
+const char* match_compound(matcher& m, const TRexNode& node, const char* s, int32_t depth,
+                           const cont* after) {
+    if (m.recursion >= TREX_MAX_RECURSION) {
+        if (!m.abandoned) TREX_MATCH_ERROR("match abandoned at recursion depth %d", m.recursion);
+        m.abandoned = true;
+        return nullptr;
+    }
+    ++m.recursion;
+    const char* r = nullptr;
+    switch (node.type) {
+        case OP_EXPRESSION:
+        case OP_EXPRESSION_ALT:
+            m.exp->depth = depth + 1;
+            r = match_seq(m, node.left, s, depth + 1, after);
+            m.exp->depth = depth;
+            break;
+        case OP_OR:
+            r = match_or(m, node, s, depth, after);
+            break;
+        case OP_ANY_RUN:
+            r = match_any_run(m, s, after);
+            break;
+        case OP_GREEDY:
+            r = match_greedy(m, node, s, depth, after);
+            break;
+        default:
+            break;
+    }
+    --m.recursion;
+    return m.abandoned ? nullptr : r;
+}
+
+constexpr std::string_view kSpecial = "$()*+.?[\\]^{|}";
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Public API.
+
+extern "C" {
+
+TRex* trex_compile_ex(const char* pattern, uint8_t case_mode) {
+    if (pattern == nullptr || *pattern == '\0') {
+        OW_ERROR("%s: [%s]", std::strerror(EINVAL), pattern != nullptr ? pattern : "NULL");
+        return nullptr;
+    }
+    auto* exp = static_cast<TRex*>(ow::mem_calloc(1, sizeof(TRex)));
+    if (exp == nullptr) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    exp->case_mode = case_mode;
+    ow::unique_cstr text(wrap_pattern(pattern));
+    if (!text) {
+        OW_ENOMEM();
+        trex_free(exp);
+        return nullptr;
+    }
+    const std::size_t length = std::strlen(text.get());
+    std::size_t bytes = 0;
+    if (length > INT32_MAX / 2 || ow::mul_overflows(length, sizeof(TRexNode), &bytes)) {
+        OW_ERROR("%s: [%s]", std::strerror(E2BIG), pattern);
+        trex_free(exp);
+        return nullptr;
+    }
+    exp->nodes = static_cast<TRexNode*>(ow::mem_malloc(bytes));
+    if (exp->nodes == nullptr) {
+        OW_ENOMEM();
+        trex_free(exp);
+        return nullptr;
+    }
+    exp->nallocated = static_cast<int32_t>(length);
+    exp->cursor = text.get();
+
+    bool ok = false;
+    exp->first = new_node(exp, OP_EXPRESSION);
+    if (exp->first < 0) {
+        OW_ERROR("Failed to create 'expression' node");
+    } else {
+        const int32_t list = parse_list(exp, 0);
+        if (list >= 0) {
+            exp->nodes[exp->first].left = list;
+            if (*exp->cursor != '\0') {
+                OW_ERROR("Unexpected character %c after processing", *exp->cursor);
+            } else {
+                ok = true;
+            }
+        }
+    }
+    exp->cursor = nullptr;  // the text is freed on return
+    if (!ok) {
+        trex_free(exp);
+        return nullptr;
+    }
+    return exp;
+}
+
+bool trex_match(TRex* exp, const char* subject) {
+    if (exp == nullptr || subject == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    exp->bol = subject;
+    exp->eol = subject + std::strlen(subject);
+    exp->depth = 0;
+    matcher m(exp, exp->bol, exp->eol);
+    const char* r = match_one(m, 0, subject, 0);
+    exp->depth = 0;
+    return r != nullptr && !m.abandoned;
+}
+
+void trex_free(TRex* exp) {
+    if (exp == nullptr) return;
+    std::free(exp->nodes);
+    std::free(exp);
+}
+
+char* trex_escape(const char* text) {
+    if (text == nullptr || *text == '\0') {
+        OW_EINVAL();
+        return nullptr;
+    }
+    const std::string_view in(text);
+    std::size_t specials = 0;
+    for (char c : in) specials += kSpecial.find(c) != std::string_view::npos;
+    std::size_t size = 0;
+    if (ow::add_overflows(in.size(), specials, &size) || ow::add_overflows(size, 1, &size)) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    auto* out = static_cast<char*>(ow::mem_malloc(size));
+    if (out == nullptr) {
+        OW_ENOMEM();
+        return nullptr;
+    }
+    char* w = out;
+    for (char c : in) {
+        if (kSpecial.find(c) != std::string_view::npos) *w++ = '\\';
+        *w++ = c;
+    }
+    *w = '\0';
+    return out;
+}
+
+}  // extern "C"

@@ -1,0 +1,319 @@
+// Tests of the compiled pattern files: store and read back, record bounds, damaged records
+// passed over, the end of the list and foreign files.
+#include "tiny_rex_storage.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "ow_internal.hpp"
+
+namespace {
+
+class TinyRexStorageTest : public ow_test::LogCaptureTest {
+   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        char dir[] = "/tmp/tiny_rex_storage_test.XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        dir_ = dir;
+        path_ = dir_ + "/test.cregexes";
+    }
+    void TearDown() override {
+        ::unlink(path_.c_str());
+        ::rmdir(dir_.c_str());
+        LogCaptureTest::TearDown();
+    }
+
+    // Writes raw bytes as the pattern file.
+    void write_bytes(const std::vector<unsigned char>& bytes) {
+        FILE* fp = std::fopen(path_.c_str(), "wb");
+        ASSERT_NE(fp, nullptr);
+        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), fp);
+        std::fclose(fp);
+    }
+
+    std::string dir_;
+    std::string path_;
+};
+
+// Little helpers that lay out a file by hand, as a damaged disk might.
+void put_int(std::vector<unsigned char>* out, int32_t v) {
+    unsigned char raw[4];
+    std::memcpy(raw, &v, 4);
+    out->insert(out->end(), raw, raw + 4);
+}
+void put_record(std::vector<unsigned char>* out, const std::vector<TRexNode>& nodes) {
+    put_int(out, static_cast<int32_t>(nodes.size()));
+    for (const auto& n : nodes) {
+        put_int(out, n.type);
+        put_int(out, n.left);
+        put_int(out, n.right);
+        put_int(out, n.next);
+    }
+}
+// A pattern matching subjects that contain the character c: .*c.*$
+std::vector<TRexNode> contains(char c) {
+    return {{OP_EXPRESSION, 1, 0, -1},
+            {OP_ANY_RUN, -1, -1, 2},
+            {c, -1, -1, 3},
+            {OP_ANY_RUN, -1, -1, 4},
+            {OP_EOL, -1, -1, -1}};
+}
+std::vector<unsigned char> header() {
+    std::vector<unsigned char> out;
+    put_int(&out, TRS_MAGIC);
+    return out;
+}
+
+TEST_F(TinyRexStorageTest, StoredPatternsAnswerAsBeforeButIgnoreCase) {
+    const std::vector<const char*> patterns = {
+        "^mail\\d+\\.",
+        "[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}",
+        "(dsl|cable)\\.example\\.net$",
+        "[a-c]x|zz",
+    };
+    const std::vector<std::string> subjects = {
+        "mail12.example.com",
+        "host-10-1-2-3.net",
+        "ppp.dsl.example.net",
+        "bx",
+        "zzz",
+        "MAIL12.EXAMPLE.COM",
+        "ppp.DSL.example.NET",
+        "Bx",
+        "nothing",
+    };
+    FILE* fp = std::fopen(path_.c_str(), "w+b");
+    ASSERT_NE(fp, nullptr);
+    ASSERT_TRUE(trs_set_header(fp));
+    std::vector<TRex*> compiled;
+    for (const char* p : patterns) {
+        compiled.push_back(trex_compile_ex(p, 1));  // exact case in memory
+        ASSERT_NE(compiled.back(), nullptr);
+        ASSERT_TRUE(trs_store(fp, compiled.back()));
+    }
+    ASSERT_TRUE(trs_valid_file(fp));
+    TRex read_back{};
+    for (std::size_t i = 0; i < compiled.size(); ++i) {
+        SCOPED_TRACE(patterns[i]);
+        ASSERT_TRUE(trs_next(fp, &read_back));
+        ASSERT_EQ(read_back.nallocated, compiled[i]->nsize);  // only the used nodes
+        EXPECT_EQ(0, std::memcmp(read_back.nodes, compiled[i]->nodes,
+                                 sizeof(TRexNode) * static_cast<std::size_t>(compiled[i]->nsize)));
+        for (const auto& s : subjects) {
+            SCOPED_TRACE(s);
+            std::string lower = s;
+            for (char& c : lower)
+                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            // The same answers as before where case does not matter, and case never matters.
+            EXPECT_EQ(trex_match(&read_back, lower.c_str()),
+                      trex_match(compiled[i], lower.c_str()));
+            EXPECT_EQ(trex_match(&read_back, s.c_str()), trex_match(&read_back, lower.c_str()));
+        }
+    }
+    EXPECT_FALSE(trs_next(fp, &read_back));
+    EXPECT_TRUE(ow_test::has_debug("trs_next", "end of file. terminating"));
+    std::free(read_back.nodes);
+    for (TRex* exp : compiled) trex_free(exp);
+    std::fclose(fp);
+    EXPECT_NO_ERRORS();
+
+    EXPECT_TRUE(compiled_regex_match(path_.c_str(), "ppp.DSL.example.NET"));
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "smtp.example.org"));
+}
+
+TEST_F(TinyRexStorageTest, ScanOfAFile) {
+    struct file_case {
+        const char* what;
+        std::vector<unsigned char> bytes;
+        const char* subject;
+        bool expected;
+        std::vector<std::string> errors;  // exact ERROR lines of trs_next, in any order
+        std::size_t ends;                 // DEBUG lines for the normal end of the list
+    };
+    auto file = [](std::initializer_list<std::vector<TRexNode>> records) {
+        auto out = header();
+        for (const auto& r : records) put_record(&out, r);
+        return out;
+    };
+    auto with_zero_count = file({contains('x')});
+    put_int(&with_zero_count, 0);
+    put_record(&with_zero_count, contains('y'));
+    auto truncated = file({contains('x')});
+    truncated.insert(truncated.end(), {1, 0});
+    auto short_nodes = file({contains('x')});
+    put_int(&short_nodes, 3);
+    put_int(&short_nodes, OP_EXPRESSION);
+    auto negative = header();
+    put_int(&negative, -1);
+    auto corrupt_next = contains('q');
+    corrupt_next[2].next = 77;
+
+    const std::vector<file_case> cases = {
+        {"only the magic", header(), "x", false, {}, 1},
+        {"second of three matches",
+         // the third record would log if it were read
+         [&] {
+             auto out = file({contains('x'), contains('y')});
+             put_int(&out, 0);
+             return out;
+         }(),
+         "y",
+         true,
+         {},
+         0},
+        {"zero count passed over",
+         with_zero_count,
+         "y",
+         true,
+         {"node count size of zero read: invalid regex"},
+         0},
+        {"truncated count",
+         truncated,
+         "z",
+         false,
+         {"Error reading node block size: Success", "nallocated is 1", "bytes read is 2"},
+         0},
+        {"short node block",
+         short_nodes,
+         "z",
+         false,
+         {"short read when attempting to read node #0"},
+         0},
+        {"negative count", negative, "z", false, {"block size -16 exceeds sane boundaries"}, 1},
+        {"corrupt node passed over", file({corrupt_next, contains('y')}), "qy", true, {}, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        clear_log();
+        write_bytes(c.bytes);
+        EXPECT_EQ(compiled_regex_match(path_.c_str(), c.subject), c.expected);
+        std::size_t trs_errors = 0;
+        for (const auto& line : ow_test::captured()) {
+            trs_errors += line.text.find(" ERROR trs_next(): ") != std::string::npos;
+        }
+        EXPECT_EQ(trs_errors, c.errors.size()) << ow_test::dump();
+        for (const auto& e : c.errors) EXPECT_ERROR_LINE("trs_next", e);
+        std::size_t ends = 0;
+        for (const auto& line : ow_test::captured()) {
+            ends += line.text.find("end of file. terminating") != std::string::npos;
+        }
+        EXPECT_EQ(ends, c.ends) << ow_test::dump();
+    }
+    // The corrupt node is refused by the matcher, which goes on with the next record.
+    EXPECT_ERROR_LINE("__trex_node_is_valid", "corrupt regex: node->next is out of range 77 > 5");
+}
+
+TEST_F(TinyRexStorageTest, RecordSizeLimits) {
+    // 4095 nodes fill 65520 bytes and are accepted; 4096 would need 65536.
+    std::vector<TRexNode> big = contains('x');
+    big.resize(TRS_MAX_NODES, TRexNode{'z', -1, -1, -1});
+    auto bytes = header();
+    put_record(&bytes, big);
+    write_bytes(bytes);
+    EXPECT_TRUE(compiled_regex_match(path_.c_str(), "axb"));
+    EXPECT_NO_ERRORS();
+
+    big.push_back(TRexNode{'z', -1, -1, -1});
+    bytes = header();
+    put_record(&bytes, big);
+    write_bytes(bytes);
+    FILE* fp = std::fopen(path_.c_str(), "rb");
+    ASSERT_NE(fp, nullptr);
+    ASSERT_TRUE(trs_valid_file(fp));
+    TRex exp{};
+    EXPECT_FALSE(trs_next(fp, &exp));
+    EXPECT_ERROR_LINE("trs_next", "block size 65536 exceeds sane boundaries");
+    EXPECT_EQ(exp.nodes, nullptr);
+    std::fclose(fp);
+
+    // The writer refuses the same record.
+    TRex* compiled = trex_compile_ex(std::string(5000, 'a').c_str(), 0);
+    ASSERT_NE(compiled, nullptr);
+    fp = std::fopen(path_.c_str(), "w+b");
+    ASSERT_TRUE(trs_set_header(fp));
+    clear_log();
+    EXPECT_FALSE(trs_store(fp, compiled));
+    EXPECT_ERROR_LINE("trs_store", "allocation 5004 size exceeds maximum sane boundaries");
+    std::fclose(fp);
+    trex_free(compiled);
+}
+
+TEST_F(TinyRexStorageTest, AFileOfSlowDamagedRecordsEndsInTime) {
+    // Found by fuzzing: damaged records that each run a match to its step budget.
+    const std::string path =
+        ARDVEX_SOURCE_DIR "/fuzz/corpus/tiny_rex_storage/slow_records.cregexes";
+    for (const char* subject : {"", "host-10-1-2-3.dsl.example.net", "a\tb c\x01\xff"}) {
+        SCOPED_TRACE(subject);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(compiled_regex_match(path.c_str(), subject));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    }
+}
+
+TEST_F(TinyRexStorageTest, ForeignMissingAndRefusedArguments) {
+    write_bytes({'d', 's', 'l', '\n', 'x', '\n'});
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "dsl"));
+    EXPECT_ERROR_LINE("compiled_regex_match",
+                      "file [" + path_ + "] is not a valid ordwin generated regex file");
+
+    clear_log();
+    write_bytes({});
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "x"));
+    EXPECT_ERROR_LINE("trs_valid_file", "failed to read header bit: Success");
+
+    clear_log();
+    EXPECT_FALSE(compiled_regex_match((dir_ + "/missing.cregexes").c_str(), "x"));
+    EXPECT_FALSE(compiled_regex_match(dir_.c_str(), "x"));  // a directory is not a pattern file
+    EXPECT_NO_ERRORS();
+
+    const std::string einval = std::strerror(EINVAL);
+    EXPECT_FALSE(compiled_regex_match(nullptr, "x"));
+    EXPECT_FALSE(compiled_regex_match("", "x"));
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), nullptr));
+    EXPECT_ERROR_LINE("compiled_regex_match", einval);
+    EXPECT_FALSE(trs_valid_file(nullptr));
+    EXPECT_ERROR_LINE("trs_valid_file", einval);
+    EXPECT_FALSE(trs_set_header(nullptr));
+    EXPECT_ERROR_LINE("trs_set_header", einval);
+    TRex empty{};
+    FILE* fp = std::fopen(path_.c_str(), "w+b");
+    EXPECT_FALSE(trs_store(fp, &empty));
+    EXPECT_FALSE(trs_store(nullptr, &empty));
+    EXPECT_ERROR_LINE("trs_store", einval);
+    EXPECT_FALSE(trs_next(fp, nullptr));
+    EXPECT_ERROR_LINE("trs_next", einval);
+
+    // Setting the header empties whatever the file held.
+    std::fputs("old contents that must go", fp);
+    ASSERT_TRUE(trs_set_header(fp));
+    std::fclose(fp);
+    FILE* check = std::fopen(path_.c_str(), "rb");
+    unsigned char raw[8];
+    EXPECT_EQ(std::fread(raw, 1, sizeof raw, check), 4u);
+    EXPECT_EQ(raw[0], 0xB9);
+    EXPECT_EQ(raw[1], 0xEB);
+    std::fclose(check);
+
+    // The record allocation of the scan can fail, and so can the node array of a record.
+    auto bytes = header();
+    put_record(&bytes, contains('x'));
+    write_bytes(bytes);
+    for (long n = 1; n <= 2; ++n) {
+        SCOPED_TRACE(n);
+        clear_log();
+        ow::testing::fail_allocation(n);
+        EXPECT_FALSE(compiled_regex_match(path_.c_str(), "x"));
+        EXPECT_ERROR_LINE(n == 1 ? "compiled_regex_match" : "trs_next", std::strerror(ENOMEM));
+    }
+}
+
+}  // namespace
