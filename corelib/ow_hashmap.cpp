@@ -387,46 +387,43 @@ bool step(ow_map_iterator* it, bool forward, const char** key, void** value) noe
     return report(next, key, value);
 }
 
-bool __map_index_forward(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
-    ow_map_iterator* it = ow_map_iterator_start_ex(map, 0);
-    if (it == nullptr) {
-        OW_ERROR("Failed to create map iterator");
-        return false;
-    }
+// Steps an iterator started at one end steps + 1 times; the last pair reached is the one
+// wanted. False only when the iterator cannot be made; *found is none when a step fell off.
+bool walk_to(const ow_hashmap* map, bool forward, uint32_t steps, const char** key, void** value,
+             bool* found) {
+    ow_map_iterator* it = ow_map_iterator_start_ex(map, forward ? 0 : 1);
+    if (it == nullptr) return false;
     const char* k = nullptr;
     void* v = nullptr;
     bool ok = true;
-    for (uint32_t i = 0; i <= index && ok; ++i) ok = ow_map_iterator_next(it, &k, &v);
-    ow_map_iterator_end(it);
-    if (!ok) {
-        OW_ERROR("Failed to iterate to requested index");
-        return false;
+    for (uint32_t i = 0; i <= steps && ok; ++i) {
+        ok = forward ? ow_map_iterator_next(it, &k, &v) : ow_map_iterator_prev(it, &k, &v);
     }
-    if (key != nullptr) *key = k;
-    if (value != nullptr) *value = v;
+    ow_map_iterator_end(it);
+    *found = ok;
+    if (ok && key != nullptr) *key = k;
+    if (ok && value != nullptr) *value = v;
     return true;
 }
 
-bool __map_index_reverse(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
-    ow_map_iterator* it = ow_map_iterator_start_ex(map, 1);
-    if (it == nullptr) {
+bool __map_index_forward(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
+    bool found = false;
+    if (!walk_to(map, true, index, key, value, &found)) {
         OW_ERROR("Failed to create map iterator");
         return false;
     }
-    const char* k = nullptr;
-    void* v = nullptr;
-    bool ok = true;
-    for (uint32_t i = 0; i <= map->num_pairs - 1 - index && ok; ++i) {
-        ok = ow_map_iterator_prev(it, &k, &v);
-    }
-    ow_map_iterator_end(it);
-    if (!ok) {
-        OW_ERROR("Failed to iterate to requested index");
+    if (!found) OW_ERROR("Failed to iterate to requested index");
+    return found;
+}
+
+bool __map_index_reverse(const ow_hashmap* map, uint32_t index, const char** key, void** value) {
+    bool found = false;
+    if (!walk_to(map, false, map->num_pairs - 1 - index, key, value, &found)) {
+        OW_ERROR("Failed to create map iterator");
         return false;
     }
-    if (key != nullptr) *key = k;
-    if (value != nullptr) *value = v;
-    return true;
+    if (!found) OW_ERROR("Failed to iterate to requested index");
+    return found;
 }
 
 // ----------------------------------------------------------------------------------------

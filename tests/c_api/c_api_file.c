@@ -10,20 +10,7 @@
 #include "ow_file.h"
 #include "ow_log.h"
 
-static int failures = 0;
-#define CHECK(cond)                                                                  \
-    do {                                                                             \
-        if (!(cond)) {                                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                              \
-        }                                                                            \
-    } while (0)
-
-static int errors_seen = 0;
-static void count_sink(int priority, const char* format, ...) {
-    (void)format;
-    if (priority == 3) ++errors_seen;
-}
+#include "c_check.h"
 
 int main(void) {
     ow_set_log_function(count_sink);

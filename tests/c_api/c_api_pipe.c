@@ -12,20 +12,7 @@
 #include "ow_nulltermlist.h"
 #include "ow_pipe.h"
 
-static int failures = 0;
-#define CHECK(cond)                                                                  \
-    do {                                                                             \
-        if (!(cond)) {                                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                              \
-        }                                                                            \
-    } while (0)
-
-static int errors_seen = 0;
-static void count_sink(int priority, const char* format, ...) {
-    (void)format;
-    if (priority == 3) ++errors_seen;
-}
+#include "c_check.h"
 
 struct output {
     char text[256];
