@@ -10,12 +10,46 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.hpp"
 #include "ow_internal.hpp"
 
 namespace {
+
+using bytes_t = std::vector<unsigned char>;
+
+void put_int(bytes_t* out, int32_t v) {
+    unsigned char raw[4];
+    std::memcpy(raw, &v, 4);
+    out->insert(out->end(), raw, raw + 4);
+}
+
+// Lays out a file by hand, as a damaged disk might: the magic, then each record as its node
+// count and nodes; `tail` is appended raw.
+bytes_t file_of(const std::vector<std::vector<TRexNode>>& records,
+                const std::vector<int32_t>& tail = {}) {
+    bytes_t out;
+    put_int(&out, TRS_MAGIC);
+    for (const auto& nodes : records) {
+        put_int(&out, static_cast<int32_t>(nodes.size()));
+        for (const auto& n : nodes) {
+            for (int32_t v : {n.type, n.left, n.right, n.next}) put_int(&out, v);
+        }
+    }
+    for (int32_t v : tail) put_int(&out, v);
+    return out;
+}
+
+// A pattern matching subjects that contain the character c: .*c.*$
+std::vector<TRexNode> contains(char c) {
+    return {{OP_EXPRESSION, 1, 0, -1},
+            {OP_ANY_RUN, -1, -1, 2},
+            {c, -1, -1, 3},
+            {OP_ANY_RUN, -1, -1, 4},
+            {OP_EOL, -1, -1, -1}};
+}
 
 class TinyRexStorageTest : public ow_test::LogCaptureTest {
    protected:
@@ -32,8 +66,7 @@ class TinyRexStorageTest : public ow_test::LogCaptureTest {
         LogCaptureTest::TearDown();
     }
 
-    // Writes raw bytes as the pattern file.
-    void write_bytes(const std::vector<unsigned char>& bytes) {
+    void write_bytes(const bytes_t& bytes) {
         FILE* fp = std::fopen(path_.c_str(), "wb");
         ASSERT_NE(fp, nullptr);
         if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), fp);
@@ -44,52 +77,12 @@ class TinyRexStorageTest : public ow_test::LogCaptureTest {
     std::string path_;
 };
 
-// Little helpers that lay out a file by hand, as a damaged disk might.
-void put_int(std::vector<unsigned char>* out, int32_t v) {
-    unsigned char raw[4];
-    std::memcpy(raw, &v, 4);
-    out->insert(out->end(), raw, raw + 4);
-}
-void put_record(std::vector<unsigned char>* out, const std::vector<TRexNode>& nodes) {
-    put_int(out, static_cast<int32_t>(nodes.size()));
-    for (const auto& n : nodes) {
-        put_int(out, n.type);
-        put_int(out, n.left);
-        put_int(out, n.right);
-        put_int(out, n.next);
-    }
-}
-// A pattern matching subjects that contain the character c: .*c.*$
-std::vector<TRexNode> contains(char c) {
-    return {{OP_EXPRESSION, 1, 0, -1},
-            {OP_ANY_RUN, -1, -1, 2},
-            {c, -1, -1, 3},
-            {OP_ANY_RUN, -1, -1, 4},
-            {OP_EOL, -1, -1, -1}};
-}
-std::vector<unsigned char> header() {
-    std::vector<unsigned char> out;
-    put_int(&out, TRS_MAGIC);
-    return out;
-}
-
 TEST_F(TinyRexStorageTest, StoredPatternsAnswerAsBeforeButIgnoreCase) {
     const std::vector<const char*> patterns = {
-        "^mail\\d+\\.",
-        "[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}",
-        "(dsl|cable)\\.example\\.net$",
-        "[a-c]x|zz",
-    };
+        "^mail\\d+\\.", "[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}",
+        "(dsl|cable)\\.example\\.net$", "[a-c]x|zz"};
     const std::vector<std::string> subjects = {
-        "mail12.example.com",
-        "host-10-1-2-3.net",
-        "ppp.dsl.example.net",
-        "bx",
-        "zzz",
-        "MAIL12.EXAMPLE.COM",
-        "ppp.DSL.example.NET",
-        "Bx",
-        "nothing",
+        "MAIL12.EXAMPLE.COM", "host-10-1-2-3.net", "ppp.DSL.example.NET", "Bx", "zzz", "nothing",
     };
     FILE* fp = std::fopen(path_.c_str(), "w+b");
     ASSERT_NE(fp, nullptr);
@@ -110,9 +103,8 @@ TEST_F(TinyRexStorageTest, StoredPatternsAnswerAsBeforeButIgnoreCase) {
                                  sizeof(TRexNode) * static_cast<std::size_t>(compiled[i]->nsize)));
         for (const auto& s : subjects) {
             SCOPED_TRACE(s);
-            std::string lower = s;
-            for (char& c : lower)
-                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            std::string lower;
+            for (unsigned char c : s) lower += static_cast<char>(std::tolower(c));
             // The same answers as before where case does not matter, and case never matters.
             EXPECT_EQ(trex_match(&read_back, lower.c_str()),
                       trex_match(compiled[i], lower.c_str()));
@@ -131,101 +123,70 @@ TEST_F(TinyRexStorageTest, StoredPatternsAnswerAsBeforeButIgnoreCase) {
 }
 
 TEST_F(TinyRexStorageTest, ScanOfAFile) {
+    using errs = std::vector<std::pair<const char*, std::string>>;
     struct file_case {
         const char* what;
-        std::vector<unsigned char> bytes;
+        bytes_t bytes;
         const char* subject;
         bool expected;
-        std::vector<std::string> errors;  // exact ERROR lines of trs_next, in any order
-        std::size_t ends;                 // DEBUG lines for the normal end of the list
+        bool ends;    // the DEBUG line for the normal end of the list
+        errs errors;  // every ERROR line, in any order
     };
-    auto file = [](std::initializer_list<std::vector<TRexNode>> records) {
-        auto out = header();
-        for (const auto& r : records) put_record(&out, r);
-        return out;
-    };
-    auto with_zero_count = file({contains('x')});
-    put_int(&with_zero_count, 0);
-    put_record(&with_zero_count, contains('y'));
-    auto truncated = file({contains('x')});
+    auto truncated = file_of({contains('x')});
     truncated.insert(truncated.end(), {1, 0});
-    auto short_nodes = file({contains('x')});
-    put_int(&short_nodes, 3);
-    put_int(&short_nodes, OP_EXPRESSION);
-    auto negative = header();
-    put_int(&negative, -1);
     auto corrupt_next = contains('q');
     corrupt_next[2].next = 77;
-
+    const bytes_t text = {'d', 's', 'l', '\n', 'x', '\n'};
+    const std::string foreign = "file [" + path_ + "] is not a valid ordwin generated regex file";
     const std::vector<file_case> cases = {
-        {"only the magic", header(), "x", false, {}, 1},
+        {"only the magic", file_of({}), "x", false, true, {}},
+        // The empty third record would log if it were read.
         {"second of three matches",
-         // the third record would log if it were read
-         [&] {
-             auto out = file({contains('x'), contains('y')});
-             put_int(&out, 0);
-             return out;
-         }(),
+         file_of({contains('x'), contains('y'), {}}),
          "y",
          true,
-         {},
-         0},
-        {"zero count passed over",
-         with_zero_count,
-         "y",
-         true,
-         {"node count size of zero read: invalid regex"},
-         0},
-        {"truncated count",
-         truncated,
-         "z",
          false,
-         {"Error reading node block size: Success", "nallocated is 1", "bytes read is 2"},
-         0},
-        {"short node block",
-         short_nodes,
-         "z",
-         false,
-         {"short read when attempting to read node #0"},
-         0},
-        {"negative count", negative, "z", false, {"block size -16 exceeds sane boundaries"}, 1},
-        {"corrupt node passed over", file({corrupt_next, contains('y')}), "qy", true, {}, 0},
+         {}},
+        {"zero count passed over", file_of({contains('x'), {}, contains('y')}), "y", true, false,
+         errs{{"trs_next", "node count size of zero read: invalid regex"}}},
+        {"truncated count", truncated, "z", false, false,
+         errs{{"trs_next", "Error reading node block size: Success"},
+              {"trs_next", "nallocated is 1"},
+              {"trs_next", "bytes read is 2"}}},
+        {"short node block", file_of({contains('x')}, {3, OP_EXPRESSION}), "z", false, false,
+         errs{{"trs_next", "short read when attempting to read node #0"}}},
+        {"negative count", file_of({}, {-1}), "z", false, true,
+         errs{{"trs_next", "block size -16 exceeds sane boundaries"}}},
+        // The matcher refuses the corrupt node and the scan goes on with the next record.
+        {"corrupt node passed over", file_of({corrupt_next, contains('y')}), "qy", true, false,
+         errs{{"__trex_node_is_valid", "corrupt regex: node->next is out of range 77 > 5"},
+              {"trex_match", std::strerror(EINVAL)}}},
+        {"foreign file", text, "dsl", false, false, errs{{"compiled_regex_match", foreign}}},
+        {"empty file", bytes_t{}, "x", false, false,
+         errs{{"trs_valid_file", "failed to read header bit: Success"},
+              {"compiled_regex_match", foreign}}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         clear_log();
         write_bytes(c.bytes);
         EXPECT_EQ(compiled_regex_match(path_.c_str(), c.subject), c.expected);
-        std::size_t trs_errors = 0;
-        for (const auto& line : ow_test::captured()) {
-            trs_errors += line.text.find(" ERROR trs_next(): ") != std::string::npos;
-        }
-        EXPECT_EQ(trs_errors, c.errors.size()) << ow_test::dump();
-        for (const auto& e : c.errors) EXPECT_ERROR_LINE("trs_next", e);
-        std::size_t ends = 0;
-        for (const auto& line : ow_test::captured()) {
-            ends += line.text.find("end of file. terminating") != std::string::npos;
-        }
-        EXPECT_EQ(ends, c.ends) << ow_test::dump();
+        EXPECT_EQ(ow_test::error_count(), c.errors.size()) << ow_test::dump();
+        for (const auto& [func, text] : c.errors) EXPECT_ERROR_LINE(func, text);
+        EXPECT_EQ(ow_test::has_debug("trs_next", "end of file. terminating"), c.ends);
     }
-    // The corrupt node is refused by the matcher, which goes on with the next record.
-    EXPECT_ERROR_LINE("__trex_node_is_valid", "corrupt regex: node->next is out of range 77 > 5");
 }
 
 TEST_F(TinyRexStorageTest, RecordSizeLimits) {
     // 4095 nodes fill 65520 bytes and are accepted; 4096 would need 65536.
     std::vector<TRexNode> big = contains('x');
     big.resize(TRS_MAX_NODES, TRexNode{'z', -1, -1, -1});
-    auto bytes = header();
-    put_record(&bytes, big);
-    write_bytes(bytes);
+    write_bytes(file_of({big}));
     EXPECT_TRUE(compiled_regex_match(path_.c_str(), "axb"));
     EXPECT_NO_ERRORS();
 
     big.push_back(TRexNode{'z', -1, -1, -1});
-    bytes = header();
-    put_record(&bytes, big);
-    write_bytes(bytes);
+    write_bytes(file_of({big}));
     FILE* fp = std::fopen(path_.c_str(), "rb");
     ASSERT_NE(fp, nullptr);
     ASSERT_TRUE(trs_valid_file(fp));
@@ -259,18 +220,7 @@ TEST_F(TinyRexStorageTest, AFileOfSlowDamagedRecordsEndsInTime) {
     }
 }
 
-TEST_F(TinyRexStorageTest, ForeignMissingAndRefusedArguments) {
-    write_bytes({'d', 's', 'l', '\n', 'x', '\n'});
-    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "dsl"));
-    EXPECT_ERROR_LINE("compiled_regex_match",
-                      "file [" + path_ + "] is not a valid ordwin generated regex file");
-
-    clear_log();
-    write_bytes({});
-    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "x"));
-    EXPECT_ERROR_LINE("trs_valid_file", "failed to read header bit: Success");
-
-    clear_log();
+TEST_F(TinyRexStorageTest, MissingFilesAndRefusedArguments) {
     EXPECT_FALSE(compiled_regex_match((dir_ + "/missing.cregexes").c_str(), "x"));
     EXPECT_FALSE(compiled_regex_match(dir_.c_str(), "x"));  // a directory is not a pattern file
     EXPECT_NO_ERRORS();
@@ -298,15 +248,12 @@ TEST_F(TinyRexStorageTest, ForeignMissingAndRefusedArguments) {
     std::fclose(fp);
     FILE* check = std::fopen(path_.c_str(), "rb");
     unsigned char raw[8];
-    EXPECT_EQ(std::fread(raw, 1, sizeof raw, check), 4u);
-    EXPECT_EQ(raw[0], 0xB9);
-    EXPECT_EQ(raw[1], 0xEB);
+    EXPECT_EQ(bytes_t(raw, raw + std::fread(raw, 1, sizeof raw, check)),
+              (bytes_t{0xB9, 0xEB, 0, 0}));
     std::fclose(check);
 
     // The record allocation of the scan can fail, and so can the node array of a record.
-    auto bytes = header();
-    put_record(&bytes, contains('x'));
-    write_bytes(bytes);
+    write_bytes(file_of({contains('x')}));
     for (long n = 1; n <= 2; ++n) {
         SCOPED_TRACE(n);
         clear_log();
