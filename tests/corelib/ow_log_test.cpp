@@ -3,7 +3,7 @@
 #include "ow_log.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -14,35 +14,27 @@
 namespace {
 
 using ow_test::captured;
-using ow_test::LogCaptureTest;
+using Log = ow_test::LogCaptureTest;
 
-class Log : public LogCaptureTest {};
-
-int g_handler_calls = 0;
-std::size_t g_lines_when_handler_ran = 0;
-void oom_handler() {
-    ++g_handler_calls;
-    g_lines_when_handler_ran = captured().size();
-}
-
-TEST_F(Log, LinesCarryTheirFormatAndPriority) {
+// Messages are cut and made printable but never used as a format ("100%d" stays), and the
+// position names the source file without its directories.
+TEST_F(Log, LinesCarryTheirFormatPriorityAndPrintableText) {
     ow_log_error("ow_demo", "ow_demo.cpp", 12, "failed: %d", 5);
     ow_log_debug("ow_demo", "ow_demo.cpp", 13, "step %s", "two");
-    ow_log_info("metrics %s", "posted");
-    ASSERT_EQ(captured().size(), 3u);
+    ow_log_info("metrics %s", "100%d\tposted");
+    ow_log_info("%s", std::string(300, 'x').c_str());
+    ow_log_error("f", "m.cpp", 1, "%s", "tab\there\nnew\r\x01\x7f\xc3\xa9 100%d");
+    OW_ERROR("%s", "where");
+    ASSERT_EQ(captured().size(), 6u);
     EXPECT_EQ(captured()[0].priority, 3);
     EXPECT_EQ(captured()[0].text, "ow_demo.cpp:12 ERROR ow_demo(): failed: 5");
     EXPECT_EQ(captured()[1].priority, 7);
     EXPECT_EQ(captured()[1].text, "ow_demo.cpp:13 DEBUG ow_demo(): step two");
     EXPECT_EQ(captured()[2].priority, 6);
-    EXPECT_EQ(captured()[2].text, "metrics posted");
-}
-
-TEST_F(Log, MessagesAreCutAndMadePrintableButNeverReformatted) {
-    ow_log_info("%s", std::string(300, 'x').c_str());
-    EXPECT_EQ(captured().back().text, std::string(254, 'x'));
-    ow_log_error("f", "m.cpp", 1, "%s", "tab\there\nnew\r\x01\x7f\xc3\xa9 100%d");
-    EXPECT_EQ(captured().back().text, "m.cpp:1 ERROR f(): tab?here?new????? 100%d");
+    EXPECT_EQ(captured()[2].text, "metrics 100%d?posted");
+    EXPECT_EQ(captured()[3].text, std::string(254, 'x'));
+    EXPECT_EQ(captured()[4].text, "m.cpp:1 ERROR f(): tab?here?new????? 100%d");
+    EXPECT_EQ(captured()[5].text.rfind("ow_log_test.cpp:", 0), 0u) << captured()[5].text;
 }
 
 TEST_F(Log, MissingPiecesOrSinkWriteNothing) {
@@ -73,9 +65,15 @@ TEST_F(Log, DebugDecisionIsMadeOnceOnTheFirstCall) {
     EXPECT_EQ(captured()[0].text, "m.cpp:3 DEBUG f(): shown");
 }
 
+int g_handler_calls = 0;
+std::size_t g_lines_when_handler_ran = 0;
+
 TEST_F(Log, FailedCallocReportsThenCallsTheHandler) {
     g_handler_calls = 0;
-    ow_set_oom_handler(oom_handler);
+    ow_set_oom_handler([] {
+        ++g_handler_calls;
+        g_lines_when_handler_ran = captured().size();
+    });
     ow::testing::fail_allocation(1);
     EXPECT_EQ(ow_calloc("caller", "caller.cpp", 77, 4, 8), nullptr);
     EXPECT_EQ(g_handler_calls, 1);
@@ -86,7 +84,7 @@ TEST_F(Log, FailedCallocReportsThenCallsTheHandler) {
     EXPECT_EQ(g_handler_calls, 2);
     void* block = ow_calloc("caller", "caller.cpp", 79, 3, 5);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(std::memcmp(block, "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 15), 0);
+    EXPECT_EQ(std::memcmp(block, std::string(15, '\0').data(), 15), 0);
     std::free(block);
 }
 
@@ -95,12 +93,6 @@ TEST_F(Log, StdoutSinkPrintsTheTextAsItIs) {
     ow_log_stdout(3, "a\tb %d", 7);
     ow_log_stdout(3, "%s", std::string(300, 'y').c_str());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a\tb 7\n" + std::string(254, 'y') + "\n");
-}
-
-TEST_F(Log, PositionPrefixHasNoDirectories) {
-    OW_ERROR("%s", "where");
-    ASSERT_EQ(captured().size(), 1u);
-    EXPECT_EQ(captured()[0].text.rfind("ow_log_test.cpp:", 0), 0u) << captured()[0].text;
 }
 
 }  // namespace

@@ -45,8 +45,7 @@ struct io {
 
 void read_all(int32_t fd, void* user) {
     char buf[65536];
-    ssize_t got = 0;
-    while ((got = ::read(fd, buf, sizeof buf)) > 0) {
+    for (ssize_t got; (got = ::read(fd, buf, sizeof buf)) > 0;) {
         static_cast<io*>(user)->out.append(buf, static_cast<size_t>(got));
     }
     ::close(fd);
@@ -91,17 +90,15 @@ class PipeTest : public ow_test::LogCaptureTest {
         ::alarm(0);
         ::close(g_child_log_fd);
         g_child_log_fd = -1;
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
+        std::filesystem::remove_all(dir_);
         ::unsetenv("OW_PIPE_TEST_ARGV");
         LogCaptureTest::TearDown();
     }
     // True when a line of the shared log file ends with " ERROR func(): message".
     bool child_logged(const std::string& func, const std::string& message) const {
         std::ifstream in(dir_ + "/log");
-        const std::string tail = " ERROR " + func + "(): " + message;
         for (std::string line; std::getline(in, line);) {
-            if (line.ends_with(tail)) return true;
+            if (line.ends_with(" ERROR " + func + "(): " + message)) return true;
         }
         return false;
     }
@@ -114,24 +111,19 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
     ASSERT_EQ(::symlink(std::filesystem::read_symlink("/proc/self/exe").c_str(), prog.c_str()), 0);
     ::setenv("OW_PIPE_TEST_ARGV", "1", 1);
     const std::string mib(1u << 20, 'x');
-    struct Case {
+    const struct {
         std::string path;
         const char* args;
         std::string in;  // fed by a writer unless empty
         ow_pipe_reader_fn reader;
         std::string out;
         int32_t code;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {prog, "a \"b c\" d", "", read_all, "my prog|a|b c|d|", 0},
-        {prog, "a  b", "", read_all, "my prog|a|b|", 0},
-        {prog, " lead trail ", "", read_all, "my prog|lead|trail|", 0},
+        {prog, " lead  trail ", "", read_all, "my prog|lead|trail|", 0},
         {prog, nullptr, "", read_all, "my prog|", 0},
-        {prog, "", "", read_all, "my prog|", 0},
-        {prog, "x\"y z\"w", "", read_all, "my prog|x|y z|w|", 0},
+        {prog, "x\"y z\"w 'single quotes'", "", read_all, "my prog|x|y z|w|'single|quotes'|", 0},
         {prog, "\"open  quote", "", read_all, "my prog|open  quote|", 0},
-        {prog, "'single quotes' stay", "", read_all, "my prog|'single|quotes'|stay|", 0},
-        {"/bin/echo", "hello   world", "", read_all, "hello world\n", 0},
         {"/bin/cat", nullptr, "line one\nline \"two\"; 3\n", read_all,
          "line one\nline \"two\"; 3\n", 0},
         {"/bin/sh", "-c \"exit 255\"", "", nullptr, "", 255},
@@ -146,14 +138,13 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
         // ends as with any closed pipe.
         {"/usr/bin/yes", nullptr, "", read_one_byte, "y", 0},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.path + " " + (c.args != nullptr ? c.args : "(null)"));
         io data{c.in, ""};
         EXPECT_EQ(
             ow_pipe(c.path.c_str(), c.args, c.reader, c.in.empty() ? nullptr : write_in, &data),
             c.code);
-        EXPECT_EQ(data.out.size(), c.out.size());
-        EXPECT_TRUE(data.out == c.out) << data.out.substr(0, 80);
+        EXPECT_TRUE(data.out == c.out) << data.out.size() << " bytes: " << data.out.substr(0, 80);
     }
     EXPECT_NO_ERRORS();
 }
@@ -176,12 +167,11 @@ TEST_F(PipeTest, HandleGivesTheDescriptors) {
 TEST_F(PipeTest, Refusals) {
     const std::string marker = dir_ + "/marker";
     const std::string touch_args = marker + " x;y";
-    struct Case {
+    const struct {
         const char* func;
         std::string message;
         std::function<bool()> refused;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"ow_init_pipe", "You may not use semicolons in ow_pipe arguments",
          [&] {
              return ow_pipe("/usr/bin/touch", touch_args.c_str(), nullptr, nullptr, nullptr) == -1;
@@ -197,7 +187,7 @@ TEST_F(PipeTest, Refusals) {
              return ow_pipe("/bin/true", nullptr, nullptr, nullptr, nullptr) == -1;
          }},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.func + (" " + c.message));
         clear_log();
         EXPECT_TRUE(c.refused());

@@ -23,37 +23,28 @@ def read_map(data):
     _flags, buckets, bucket_size, map_size, count, first, last = HEADER.unpack_from(data)
     if buckets * bucket_size != map_size:
         raise MapFileError("map_size %d is not %d x %d" % (map_size, buckets, bucket_size))
-    offset = HEADER.size
-    pairs = {}
-    previous_slot = -1
+    offset, pairs = HEADER.size, {}
     for _ in range(count):
         if offset + RECORD.size > len(data):
             raise MapFileError("record header runs past the end at %d" % offset)
         slot, next_slot, _pair_flags, klen, vlen = RECORD.unpack_from(data, offset)
-        offset += RECORD.size
-        if offset + klen + vlen > len(data):
+        key_at = offset + RECORD.size
+        offset = key_at + klen + vlen
+        if offset > len(data):
             raise MapFileError("record at slot %d runs past the end" % slot)
-        if slot >= map_size or slot <= previous_slot:
+        if slot >= map_size or slot <= max(pairs, default=-1):
             raise MapFileError("slot %d out of order or outside the table" % slot)
-        previous_slot = slot
-        key = data[offset:offset + klen].decode()
-        value = data[offset + klen:offset + klen + vlen]
-        offset += klen + vlen
-        pairs[slot] = (key, value, next_slot)
+        pairs[slot] = (data[key_at:key_at + klen].decode(), data[key_at + klen:offset], next_slot)
     if offset != len(data):
         raise MapFileError("%d bytes left after the last record" % (len(data) - offset))
-    if not pairs:
-        return []
-    ordered = []
-    slot = first
-    while True:
+    ordered, slot = [], first
+    while pairs:
         if slot not in pairs or len(ordered) > count:
             raise MapFileError("insertion chain reaches slot %d, which holds no pair" % slot)
-        key, value, next_slot = pairs[slot]
-        ordered.append((key, value))
+        ordered.append(pairs[slot][:2])
         if slot == last:
             break
-        slot = next_slot
+        slot = pairs[slot][2]
     if len(ordered) != count:
         raise MapFileError("insertion chain visits %d of %d pairs" % (len(ordered), count))
     return ordered
@@ -63,12 +54,10 @@ def read_string_map(path):
     """The pairs of a map file whose values are NUL-terminated strings, as (key, text)."""
     with open(path, "rb") as f:
         pairs = read_map(f.read())
-    out = []
     for key, value in pairs:
         if not value.endswith(b"\0") or b"\0" in value[:-1]:
             raise MapFileError("value of %s is not one NUL-terminated string" % key)
-        out.append((key, value[:-1].decode()))
-    return out
+    return [(key, value[:-1].decode()) for key, value in pairs]
 
 
 if __name__ == "__main__":

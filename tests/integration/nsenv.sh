@@ -3,31 +3,23 @@
 # client can be run for real, with its real paths, without touching this machine or the
 # network. Needs root.
 #
-#   nsenv.sh [--endpoint-arg ARG]... [--no-endpoint] BUILD_DIR COMMAND [ARG...]
+#   nsenv.sh BUILD_DIR COMMAND [ARG...]
 #
-# The command runs in private mount and network namespaces with:
-#   - only loopback, brought up; the metrics host of the build mapped to 127.0.0.1 in a
-#     private /etc/hosts;
-#   - tmpfs over /tmp and over the suite's directories (configuration, programs, logs) and
-#     Zimbra's, made on an overlay of their parent when they do not exist on this machine;
-#   - the build's stand-ins (ardvex-secure, ardvex-panel-version) in the suite's program
-#     directory, and a fake Zimbra version command;
-#   - identity files license_key=K, product_id=7, server_id=U and enabled=1 in the control
-#     directory;
-#   - a tmpfs /dev holding only the usual device nodes, and a syslog listener on /dev/log
-#     that records every datagram as a JSON line (syslog_listener.py);
-#   - unless --no-endpoint, the HTTPS endpoint (tests/support/https_endpoint.py) on the
-#     metrics URL's port of 127.0.0.1, recording each body it receives; each
-#     --endpoint-arg is passed on to it.
-# The command finds everything through NSENV_* variables (listed at the end of this file).
-# Its exit status is nsenv.sh's.
+# The command runs in private mount and network namespaces with only loopback, brought up,
+# and the build's metrics host mapped to it in a private /etc/hosts; tmpfs over /tmp, over
+# /dev (the usual nodes bound back) and over the suite's and Zimbra's directories (made on an
+# overlay of their parent when this machine lacks them); the build's stand-ins
+# (ardvex-secure, ardvex-panel-version) and a fake Zimbra version command installed; the
+# identity license_key=K, product_id=7, server_id=U and enabled=1 in the control directory;
+# a syslog listener on /dev/log recording every datagram as a JSON line; and the HTTPS
+# endpoint (tests/support/https_endpoint.py) on the metrics URL's port of 127.0.0.1,
+# recording every body. The command finds everything through the NSENV_* variables at the
+# end of this file; its exit status is nsenv.sh's.
 set -euo pipefail
 
-me=nsenv.sh
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-
 die() {
-    echo "$me: $*" >&2
+    echo "nsenv.sh: $*" >&2
     exit 1
 }
 
@@ -37,29 +29,7 @@ if [ -z "${NSENV_INSIDE:-}" ]; then
         env NSENV_INSIDE=1 bash "${BASH_SOURCE[0]}" "$@"
 fi
 unset NSENV_INSIDE
-
-endpoint=true
-endpoint_args=()
-while [ $# -gt 0 ]; do
-    case $1 in
-        --endpoint-arg)
-            [ $# -ge 2 ] || die "--endpoint-arg needs a value"
-            endpoint_args+=("$2")
-            shift 2
-            ;;
-        --no-endpoint)
-            endpoint=false
-            shift
-            ;;
-        --)
-            shift
-            break
-            ;;
-        -*) die "unknown option $1" ;;
-        *) break ;;
-    esac
-done
-[ $# -ge 2 ] || die "usage: $me [--endpoint-arg ARG]... [--no-endpoint] BUILD_DIR COMMAND [ARG...]"
+[ $# -ge 2 ] || die "usage: nsenv.sh BUILD_DIR COMMAND [ARG...]"
 build_dir=$(cd "$1" && pwd)
 shift
 [ -f "$build_dir/CMakeCache.txt" ] || die "$build_dir is not a configured build directory"
@@ -88,27 +58,20 @@ case $authority in *:*) endpoint_port=${authority##*:} ;; esac
 # A source tree or build directory under /tmp (a CI checkout, say) is carried over into the
 # private /tmp at the same path, through a holding mount that only this namespace sees.
 keep=()
-for d in "$source_dir" "$build_dir"; do
-    case $d/ in /tmp/*) ;; *) continue ;; esac
-    inside=false
-    for k in "${keep[@]}"; do case $d/ in "$k"/*) inside=true ;; esac; done
-    $inside || keep+=("$d")
+[[ $source_dir/ == /tmp/* ]] && keep+=("$source_dir")
+# A build directory inside the source tree comes with it.
+[[ $build_dir/ == /tmp/* && $build_dir/ != "$source_dir"/* ]] && keep+=("$build_dir")
+((${#keep[@]} == 0)) || mount -t tmpfs nsenv-hold /mnt
+for i in "${!keep[@]}"; do
+    mkdir "/mnt/$i"
+    mount --bind "${keep[$i]}" "/mnt/$i"
 done
-if ((${#keep[@]})); then
-    mount -t tmpfs nsenv-hold /mnt
-    for i in "${!keep[@]}"; do
-        mkdir "/mnt/$i"
-        mount --bind "${keep[$i]}" "/mnt/$i"
-    done
-fi
 mount -t tmpfs -o mode=1777 nsenv-tmp /tmp
-if ((${#keep[@]})); then
-    for i in "${!keep[@]}"; do
-        mkdir -p "${keep[$i]}"
-        mount --bind "/mnt/$i" "${keep[$i]}"
-    done
-    umount -l /mnt
-fi
+for i in "${!keep[@]}"; do
+    mkdir -p "${keep[$i]}"
+    mount --bind "/mnt/$i" "${keep[$i]}"
+done
+((${#keep[@]} == 0)) || umount -l /mnt
 work=/tmp/nsenv
 mkdir -p "$work"
 
@@ -132,44 +95,34 @@ ln -s /proc/self/fd/1 /dev/stdout
 ln -s /proc/self/fd/2 /dev/stderr
 
 # --- the suite's directories ----------------------------------------------------------
-overlaid=()
-# Makes dir a private, empty tmpfs. A directory this machine lacks is made inside an overlay
-# of its nearest existing ancestor, so nothing is created on the real file system.
-private_dir() {
-    local dir=${1%/} parent upper
+# Each becomes a private, empty tmpfs, unless it lies inside one that already did. A
+# directory this machine lacks is made inside an overlay of its nearest existing ancestor,
+# so nothing is created on the real file system.
+privatised=()
+declare -A overlaid=()
+for dir in "$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir"; do
+    dir=${dir%/}
+    for p in "${privatised[@]+"${privatised[@]}"}"; do [[ $dir/ == "$p"/* ]] && continue 2; done
     if [ ! -d "$dir" ]; then
         parent=$(dirname "$dir")
         while [ ! -d "$parent" ]; do parent=$(dirname "$parent"); done
         [ "$parent" != / ] || die "will not overlay / to make $dir"
-        local done_already=false p
-        for p in "${overlaid[@]+"${overlaid[@]}"}"; do [ "$p" = "$parent" ] && done_already=true; done
-        if [ "$done_already" = false ]; then
+        if [ -z "${overlaid[$parent]:-}" ]; then
             upper=$work/overlay/${#overlaid[@]}
             mkdir -p "$upper/upper" "$upper/work"
             mount -t overlay nsenv-overlay \
                 -o "lowerdir=$parent,upperdir=$upper/upper,workdir=$upper/work" "$parent"
-            overlaid+=("$parent")
+            overlaid[$parent]=1
         fi
         mkdir -p "$dir"
     fi
     mount -t tmpfs -o mode=755 nsenv-suite "$dir"
-}
-privatised=()
-for dir in "$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir"; do
-    dir=${dir%/}
-    inside=false
-    for p in "${privatised[@]+"${privatised[@]}"}"; do
-        case $dir/ in "$p"/*) inside=true ;; esac
-    done
-    if [ "$inside" = false ]; then
-        private_dir "$dir"
-        privatised+=("$dir")
-    fi
+    privatised+=("$dir")
 done
 mkdir -p "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir/bin"
 chmod 755 "${control_dir%/}" "$suite_bin_dir"
 
-# --- programs -------------------------------------------------------------------------
+# --- programs, identity and switch ------------------------------------------------------
 for tool in ardvex-secure ardvex-panel-version; do
     [ -x "$build_dir/tools/$tool" ] || die "$build_dir/tools/$tool is missing: configure the build first"
     install -m 755 "$build_dir/tools/$tool" "$suite_bin_dir/$tool"
@@ -181,15 +134,10 @@ printf 'Release 8.8.15_GA_3869.UBUNTU16.64 UBUNTU16_64 FOSS edition, Patch 8.8.1
 cat >"$zimbra_dir/bin/zmcontrol" <<ZMCONTROL
 #!/bin/sh
 echo "\$*" >>'$work/zmcontrol.calls'
-if [ "\${1:-}" != -v ]; then
-    echo "zmcontrol: only -v is known here" >&2
-    exit 1
-fi
+[ "\${1:-}" = -v ] || { echo "zmcontrol: only -v is known here" >&2; exit 1; }
 cat '$work/zimbra-release'
 ZMCONTROL
 chmod 755 "$zimbra_dir/bin/zmcontrol"
-
-# --- identity and switch ----------------------------------------------------------------
 printf 'K' >"$control_dir/license_key"
 printf '7\n' >"$control_dir/product_id"
 printf 'U\n' >"$control_dir/server_id"
@@ -202,70 +150,45 @@ mount --bind "$work/hosts" /etc/hosts
 
 # --- background services ----------------------------------------------------------------
 pids=()
-cleanup() {
-    local pid
-    for pid in "${pids[@]+"${pids[@]}"}"; do kill "$pid" 2>/dev/null || true; done
-    for pid in "${pids[@]+"${pids[@]}"}"; do wait "$pid" 2>/dev/null || true; done
-}
-trap cleanup EXIT
+trap 'kill "${pids[@]}" 2>/dev/null || true; wait' EXIT
 
-# Waits until file holds a line matching pattern, or fails after about 10 seconds.
-wait_for_line() {
-    local file=$1 pattern=$2 pid=$3 what=$4 i
+# Starts a service in the background and waits until a line of its output starts with
+# ready, or fails after about 10 seconds.
+start_service() {
+    local what=$1 out=$2 ready=$3 i
+    shift 3
+    "$@" >"$out" 2>&1 &
+    pids+=($!)
     for ((i = 0; i < 200; i++)); do
-        grep -q -- "$pattern" "$file" 2>/dev/null && return 0
-        kill -0 "$pid" 2>/dev/null || break
+        grep -q -- "^$ready" "$out" 2>/dev/null && return 0
+        kill -0 "${pids[-1]}" 2>/dev/null || break
         sleep 0.05
     done
-    cat "$file" >&2 || true
+    cat "$out" >&2 || true
     die "$what did not start"
 }
 
 python=${PYTHON:-python3}
-"$python" "$source_dir/tests/integration/syslog_listener.py" /dev/log "$work/syslog.jsonl" \
-    >"$work/syslog.out" 2>&1 &
-pids+=($!)
-wait_for_line "$work/syslog.out" '^ready' $! "the syslog listener"
+start_service "the syslog listener" "$work/syslog.out" ready \
+    "$python" "$source_dir/tests/integration/syslog_listener.py" /dev/log "$work/syslog.jsonl"
 : >"$work/syslog.jsonl"
 
 mkdir -p "$work/records" "$work/cert"
 bash "$source_dir/tests/support/make_cert.sh" "$work/cert" "$metrics_host" >/dev/null 2>&1 \
     || die "tests/support/make_cert.sh failed"
-cert=$work/cert/cert.pem
-key=$work/cert/key.pem
-[ -f "$cert" ] && [ -f "$key" ] || die "make_cert.sh left no cert.pem and key.pem"
-
-endpoint_pid=
-if [ "$endpoint" = true ]; then
+start_service "the HTTPS endpoint" "$work/endpoint.out" "ready $endpoint_port" \
     "$python" "$source_dir/tests/support/https_endpoint.py" --bind 127.0.0.1 \
-        --port "$endpoint_port" --cert "$cert" --key "$key" --record-dir "$work/records" \
-        "${endpoint_args[@]+"${endpoint_args[@]}"}" >"$work/endpoint.out" 2>&1 &
-    endpoint_pid=$!
-    pids+=("$endpoint_pid")
-    wait_for_line "$work/endpoint.out" "^ready $endpoint_port" "$endpoint_pid" "the HTTPS endpoint"
-fi
+    --port "$endpoint_port" --cert "$work/cert/cert.pem" --key "$work/cert/key.pem" \
+    --record-dir "$work/records"
 
 # --- the command ----------------------------------------------------------------------
-export NSENV_WORK=$work
-export NSENV_SOURCE_DIR=$source_dir
-export NSENV_BUILD_DIR=$build_dir
+export NSENV_WORK=$work NSENV_SOURCE_DIR=$source_dir NSENV_CURL=$curl_path
 export NSENV_CLIENT=$build_dir/metrics_client/ardvex-metrics-client
-export NSENV_CONTROL_DIR=$control_dir
-export NSENV_CACHE=${control_dir%/}/.metrics.cache
-export NSENV_SUITE_BIN_DIR=$suite_bin_dir
-export NSENV_ZIMBRA_DIR=$zimbra_dir
-export NSENV_ZIMBRA_RELEASE=$work/zimbra-release
-export NSENV_ZMCONTROL_CALLS=$work/zmcontrol.calls
-export NSENV_CURL=$curl_path
-export NSENV_METRICS_HOST=$metrics_host
-export NSENV_METRICS_URL=$metrics_url
-export NSENV_SYSLOG_FILE=$work/syslog.jsonl
-export NSENV_RECORD_DIR=$work/records
-export NSENV_CERT=$cert
-export NSENV_KEY=$key
-export NSENV_ENDPOINT_PORT=$endpoint_port
-export NSENV_ENDPOINT_PID=$endpoint_pid
-export NSENV_ENDPOINT_LOG=$work/endpoint.out
-status=0
-"$@" || status=$?
-exit "$status"
+export NSENV_CONTROL_DIR=$control_dir NSENV_CACHE=${control_dir%/}/.metrics.cache
+export NSENV_SUITE_BIN_DIR=$suite_bin_dir NSENV_ZIMBRA_DIR=$zimbra_dir
+export NSENV_ZIMBRA_RELEASE=$work/zimbra-release NSENV_ZMCONTROL_CALLS=$work/zmcontrol.calls
+export NSENV_METRICS_HOST=$metrics_host NSENV_METRICS_URL=$metrics_url
+export NSENV_SYSLOG_FILE=$work/syslog.jsonl NSENV_RECORD_DIR=$work/records
+export NSENV_CERT=$work/cert/cert.pem NSENV_KEY=$work/cert/key.pem
+export NSENV_ENDPOINT_PORT=$endpoint_port NSENV_ENDPOINT_PID=${pids[-1]}
+"$@"

@@ -12,10 +12,9 @@ import signal
 import socket
 import sys
 
-FACILITIES = ["kern", "user", "mail", "daemon", "auth", "syslog", "lpr", "news", "uucp", "cron",
-              "authpriv", "ftp", "ntp", "audit", "alert", "clock", "local0", "local1", "local2",
-              "local3", "local4", "local5", "local6", "local7"]
-PRIORITIES = ["emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"]
+FACILITIES = ("kern user mail daemon auth syslog lpr news uucp cron authpriv ftp ntp audit alert "
+              "clock local0 local1 local2 local3 local4 local5 local6 local7").split()
+PRIORITIES = "emerg alert crit err warning notice info debug".split()
 
 # glibc's local format: <PRI>Mmm dd hh:mm:ss TAG[PID]: TEXT
 RECORD = re.compile(rb"^<(\d{1,3})>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^\[:]*)(?:\[(\d+)\])?: ?(.*)$",
@@ -26,17 +25,11 @@ def decode(datagram):
     match = RECORD.match(datagram)
     if not match:
         return {"raw": datagram.decode("utf-8", "replace")}
-    pri = int(match.group(1))
-    facility, priority = pri >> 3, pri & 7
-    return {
-        "pri": pri,
-        "facility": FACILITIES[facility] if facility < len(FACILITIES) else str(facility),
-        "priority": PRIORITIES[priority],
-        "time": match.group(2).decode(),
-        "tag": match.group(3).decode("utf-8", "replace"),
-        "pid": int(match.group(4)) if match.group(4) else None,
-        "text": match.group(5).decode("utf-8", "replace"),
-    }
+    pri, _time, tag, pid, text = match.groups()
+    facility = int(pri) >> 3
+    return {"facility": FACILITIES[facility] if facility < len(FACILITIES) else str(facility),
+            "priority": PRIORITIES[int(pri) & 7], "tag": tag.decode("utf-8", "replace"),
+            "pid": int(pid) if pid else None, "text": text.decode("utf-8", "replace")}
 
 
 def listen(path, outfile):
@@ -49,14 +42,12 @@ def listen(path, outfile):
     print("ready", flush=True)
     with open(outfile, "a", buffering=1) as out:
         while True:
-            datagram = sock.recv(65536)
-            out.write(json.dumps(decode(datagram)) + "\n")
+            out.write(json.dumps(decode(sock.recv(65536))) + "\n")
 
 
 def show(outfile):
     with open(outfile) as records:
-        for line in records:
-            r = json.loads(line)
+        for r in map(json.loads, records):
             if "raw" in r:
                 print("(undecoded) " + r["raw"])
             else:

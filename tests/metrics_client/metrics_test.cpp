@@ -6,10 +6,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "log_capture.hpp"
@@ -20,9 +20,7 @@ class MetricsTest : public ow_test::LogCaptureTest {
    protected:
     void SetUp() override {
         LogCaptureTest::SetUp();
-        const char* tmp = std::getenv("TMPDIR");
-        std::string templ =
-            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/metrics_test.XXXXXX";
+        std::string templ = std::filesystem::temp_directory_path() / "metrics_test.XXXXXX";
         ASSERT_NE(mkdtemp(templ.data()), nullptr);
         dir_ = templ + "/";
     }
@@ -32,10 +30,7 @@ class MetricsTest : public ow_test::LogCaptureTest {
         LogCaptureTest::TearDown();
     }
     void put(const char* name, const std::string& contents) {
-        FILE* f = std::fopen((dir_ + name).c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        std::fwrite(contents.data(), 1, contents.size(), f);
-        std::fclose(f);
+        ASSERT_TRUE(std::ofstream(dir_ + name, std::ios::binary) << contents);
     }
     // The value of a collector as a string, "(none)" for NULL.
     static std::string take(char* value) {

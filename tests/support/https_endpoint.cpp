@@ -23,14 +23,10 @@ std::string sh_quote(const std::string& s) {
     return out + "'";
 }
 
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 }  // namespace
 
-https_endpoint::https_endpoint(const std::string& source_dir, https_endpoint_options options) {
+https_endpoint::https_endpoint(const std::string& source_dir,
+                               const https_endpoint_options& options) {
     for (const char* v :
          {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
         ::unsetenv(v);
@@ -46,7 +42,6 @@ https_endpoint::https_endpoint(const std::string& source_dir, https_endpoint_opt
     }
     work_dir_ = pattern;
     record_dir_ = work_dir_ + "/records";
-    cert_file_ = work_dir_ + "/cert.pem";
     fs::create_directory(record_dir_, ec);
 
     // The shell says its pid and then becomes the endpoint, which says "ready <port>". The
@@ -56,10 +51,10 @@ https_endpoint::https_endpoint(const std::string& source_dir, https_endpoint_opt
         "/bin/sh " + support + "/make_cert.sh " + sh_quote(work_dir_) + " " +
         sh_quote(options.host) +
         " >&2 && echo $$ && p=/usr/bin/python3 && { [ -x $p ] || p=python3; } && exec $p " +
-        support + "/https_endpoint.py --bind 127.0.0.1 --port 0 --cert " + sh_quote(cert_file_) +
-        " --key " + sh_quote(work_dir_ + "/key.pem") + " --record-dir " + sh_quote(record_dir_) +
-        " --status " + std::to_string(options.status) + " --reply " + sh_quote(options.reply) +
-        (options.interim_100 ? " --interim-100" : "");
+        support + "/https_endpoint.py --bind 127.0.0.1 --port 0 --cert " +
+        sh_quote(work_dir_ + "/cert.pem") + " --key " + sh_quote(work_dir_ + "/key.pem") +
+        " --record-dir " + sh_quote(record_dir_) + " --status " + std::to_string(options.status) +
+        " --reply " + sh_quote(options.reply) + (options.interim_100 ? " --interim-100" : "");
     out_ = ::popen(command.c_str(), "re");
     char line[64] = "";
     if (out_ == nullptr || std::fgets(line, sizeof line, out_) == nullptr) {
@@ -80,10 +75,6 @@ https_endpoint::~https_endpoint() {
     if (!work_dir_.empty()) fs::remove_all(work_dir_, ec);
 }
 
-std::string https_endpoint::url(const std::string& path) const {
-    return "https://127.0.0.1:" + std::to_string(port_) + path;
-}
-
 void https_endpoint::set_status(int status) const {
     // Renamed into place, so a request never sees a half-written status.
     std::ofstream(record_dir_ + "/status.tmp") << status << "\n";
@@ -91,18 +82,9 @@ void https_endpoint::set_status(int status) const {
     fs::rename(record_dir_ + "/status.tmp", record_dir_ + "/status", ec);
 }
 
-int https_endpoint::request_count() const {
-    int n = 0;
-    while (fs::exists(record_dir_ + "/request-" + std::to_string(n + 1) + ".txt")) ++n;
-    return n;
-}
-
-std::string https_endpoint::body(int n) const {
-    return read_file(record_dir_ + "/body-" + std::to_string(n) + ".bin");
-}
-
-std::string https_endpoint::request(int n) const {
-    return read_file(record_dir_ + "/request-" + std::to_string(n) + ".txt");
+std::string https_endpoint::recorded(const char* prefix, int n, const char* suffix) const {
+    std::ifstream in(record_dir_ + prefix + std::to_string(n) + suffix, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace ow_test

@@ -9,7 +9,6 @@
 
 #include <cstdio>
 #include <string>
-#include <utility>
 
 namespace ow_test {
 
@@ -22,10 +21,10 @@ struct https_endpoint_options {
 
 class https_endpoint {
    public:
-    https_endpoint(const std::string& source_dir, https_endpoint_options options);
+    https_endpoint(const std::string& source_dir, const https_endpoint_options& options);
 #ifdef ARDVEX_SOURCE_DIR
-    explicit https_endpoint(https_endpoint_options options = {})
-        : https_endpoint(ARDVEX_SOURCE_DIR, std::move(options)) {}
+    explicit https_endpoint(const https_endpoint_options& options = {})
+        : https_endpoint(ARDVEX_SOURCE_DIR, options) {}
 #endif
     ~https_endpoint();
     https_endpoint(const https_endpoint&) = delete;
@@ -33,19 +32,18 @@ class https_endpoint {
 
     bool ok() const { return port_ > 0; }  // otherwise error() says why
     const std::string& error() const { return error_; }
-    int port() const { return port_; }
-    const std::string& record_dir() const { return record_dir_; }
-    const std::string& cert_file() const { return cert_file_; }
-    std::string url(const std::string& path = "/store/metrics.php") const;
+    std::string url(const std::string& path = "/store/metrics.php") const {
+        return "https://127.0.0.1:" + std::to_string(port_) + path;
+    }
 
     void set_status(int status) const;  // for every later request
-    // POSTs recorded so far, and the body and request head of the n-th (from 1), or "".
-    int request_count() const;
-    std::string body(int n) const;
-    std::string request(int n) const;
+    // The body and request head of the n-th POST (from 1), or "" when there was none.
+    std::string body(int n) const { return recorded("/body-", n, ".bin"); }
+    std::string request(int n) const { return recorded("/request-", n, ".txt"); }
 
    private:
-    std::string work_dir_, record_dir_, cert_file_, error_;
+    std::string recorded(const char* prefix, int n, const char* suffix) const;
+    std::string work_dir_, record_dir_, error_;
     FILE* out_ = nullptr;  // the endpoint's standard output
     pid_t pid_ = -1;
     int port_ = 0;

@@ -75,4 +75,18 @@ void LogCaptureTest::TearDown() {
     captured().clear();
 }
 
+void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed) {
+    const std::string head = " ERROR " + func + "(): ";
+    std::size_t of_func = 0, matching = 0;
+    for (const auto& line : captured()) {
+        of_func += line.text.find(head) != std::string::npos;
+        matching += line.text.ends_with(head + msg);
+    }
+    EXPECT_EQ(matching, failed.size()) << head << msg << "\nlog was:\n" << dump();
+    EXPECT_EQ(of_func, failed.size()) << dump();
+    int call = 0;
+    for (const bool f : failed) EXPECT_TRUE(f) << func << " call " << call++ << " passed";
+    captured().clear();
+}
+
 }  // namespace ow_test

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,11 @@ bool has_debug(const std::string& func, const std::string& message);
 std::size_t error_count();
 // All captured lines, one per line, for failure messages.
 std::string dump();
+
+// EXPECTs that every call of the group failed and that the log holds one ERROR line of func
+// with exactly msg per call and no other ERROR line of func (the lines of the callees it
+// reports through may stand beside them); then clears the log for the next group.
+void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed);
 
 // Installs the capturing sink, enables DEBUG lines for the test, and resets the allocation
 // failure injection on both ends of each test.
