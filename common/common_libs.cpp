@@ -21,6 +21,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "ow_child.hpp"
 #include "ow_file.h"
 #include "ow_internal.hpp"
 
@@ -28,34 +29,6 @@ namespace {
 
 // -----------------------------------------------------------------------------------------
 // Children
-
-// Moves fd above the standard descriptors, so that the child's dup2 onto 1 can never
-// overwrite it. -1 (errno set) on failure.
-int lift_fd(int fd) noexcept {
-    if (fd > STDERR_FILENO) return fd;
-    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int err = errno;
-    ::close(fd);
-    errno = err;
-    return moved;
-}
-
-// True once the child has ended; it is left for waitpid to collect.
-bool child_ended(pid_t pid) noexcept {
-    siginfo_t info{};
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-        return errno != EINTR;
-    }
-    return info.si_pid == pid;
-}
-
-pid_t wait_child(pid_t pid, int* status) noexcept {
-    pid_t waited = 0;
-    do {
-        waited = ::waitpid(pid, status, 0);
-    } while (waited < 0 && errno == EINTR);
-    return waited;
-}
 
 // What a child's standard output left for execute_program: the first bytes, up to the
 // caller's size, in a buffer of our own so the caller's stays untouched unless the program
@@ -111,7 +84,7 @@ void collect_output(int fd, pid_t pid, std::size_t limit, captured_output* out) 
                 out->error = errno;
                 return;
             }
-            if (child_ended(pid)) {
+            if (ow::child_ended(pid)) {
                 left = bytes_pending(fd);
             } else if (ready <= 0) {
                 continue;
@@ -134,13 +107,16 @@ void collect_output(int fd, pid_t pid, std::size_t limit, captured_output* out) 
 // The transfer
 
 constexpr int kToolNotStarted = -1;
+// How much of the tool's standard error is kept for the log line: its message is one line.
+constexpr std::size_t kDiagnosticLimit = 512;
 
 enum class prepare_result { ok, not_regular, stale_not_removed, create_failed };
 
 // Makes an empty file at name that only this process can have created: a stale regular
 // file of ours is removed first; a link or anything else standing there is left alone and
 // refused, so the tool can never be made to write through it.
-prepare_result prepare_output_file(const char* name, int* err) noexcept {
+// With keep set, the open descriptor is stored there; otherwise it is closed.
+prepare_result prepare_output_file(const char* name, int* err, int* keep = nullptr) noexcept {
     struct stat st {};
     if (::lstat(name, &st) == 0) {
         if (!S_ISREG(st.st_mode)) {
@@ -160,23 +136,40 @@ prepare_result prepare_output_file(const char* name, int* err) noexcept {
         *err = errno;
         return prepare_result::create_failed;
     }
-    ::close(fd);
+    if (keep != nullptr) {
+        *keep = fd;
+    } else {
+        ::close(fd);
+    }
     return prepare_result::ok;
 }
 
-// The exit code a shell would have reported for the tool: its own code, 128 + the signal
-// that ended it, 127 or 126 when it could not be executed, 255 when it could not be started.
-int run_tool(const char* program, char* const* argv) noexcept {
-    const pid_t pid = ::fork();
-    if (pid < 0) return 255;
-    if (pid == 0) {
-        ::execv(program, argv);
-        ::_exit(errno == ENOENT ? 127 : 126);
+// Runs the tool with its standard error on a pipe and returns the exit code a shell would
+// have reported: its own code, 128 + the signal that ended it, 127 or 126 when it could not
+// be executed, 255 when it could not be started. What it wrote on standard error, or why it
+// could not be executed, goes to *diagnostic.
+int run_tool(const char* program, char* const* argv, captured_output* diagnostic) noexcept {
+    int err_pipe[2];
+    if (!ow::make_pipe(err_pipe)) return 255;
+    const int stdio[3] = {-1, -1, err_pipe[1]};
+    const ow::child tool = ow::start_child(program, argv, stdio);
+    ::close(err_pipe[1]);
+    if (tool.pid < 0) {
+        ::close(err_pipe[0]);
+        return 255;
     }
+    collect_output(err_pipe[0], tool.pid, kDiagnosticLimit, diagnostic);
+    ::close(err_pipe[0]);
     int status = 0;
-    if (wait_child(pid, &status) != pid) return 255;
+    if (ow::wait_child(tool.pid, &status) != tool.pid) return 255;
+    if (tool.failed != ow::child_failure::none) {
+        const char* why = std::strerror(tool.error);
+        diagnostic->length = 0;
+        keep_bytes(diagnostic, why, std::strlen(why), kDiagnosticLimit);
+        return tool.failed == ow::child_failure::exec && tool.error == ENOENT ? 127 : 126;
+    }
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return (status & 0xFF00) >> 8;
+    return ow::exit_code(status);
 }
 
 // atoi: leading white space, an optional sign, the digits up to the first non-digit; 0 when
@@ -237,18 +230,14 @@ bool execute_program(const char* path, char* const* argv, char* output, size_t s
         return false;
     }
     int fds[2] = {-1, -1};
-    if (output != nullptr) {
-        if (::pipe2(fds, O_CLOEXEC) != 0 || (fds[0] = lift_fd(fds[0])) < 0 ||
-            (fds[1] = lift_fd(fds[1])) < 0) {
-            const int err = errno;
-            OW_ERROR("Failed to create pipe: %s", std::strerror(err));
-            if (fds[0] >= 0) ::close(fds[0]);
-            if (fds[1] >= 0) ::close(fds[1]);
-            return false;
-        }
+    if (output != nullptr && !ow::make_pipe(fds)) {
+        const int err = errno;
+        OW_ERROR("Failed to create pipe: %s", std::strerror(err));
+        return false;
     }
-    const pid_t pid = ::fork();
-    if (pid < 0) {
+    const int stdio[3] = {-1, fds[1], -1};
+    const ow::child child = ow::start_child(path, argv, stdio);
+    if (child.pid < 0) {
         const int err = errno;
         OW_ERROR("Failed to fork: %s", std::strerror(err));
         if (output != nullptr) {
@@ -257,23 +246,11 @@ bool execute_program(const char* path, char* const* argv, char* output, size_t s
         }
         return false;
     }
-    if (pid == 0) {
-        if (output != nullptr) {
-            if (::close(fds[0]) != 0) {
-                const int err = errno;
-                OW_ERROR("Failed to close read pipe: %s", std::strerror(err));
-                ::_exit(1);
-            }
-            if (::dup2(fds[1], STDOUT_FILENO) < 0) {
-                const int err = errno;
-                OW_ERROR("Failed to dup pipe: %s", std::strerror(err));
-                ::_exit(1);
-            }
-        }
-        ::execv(path, argv);
-        const int err = errno;
-        OW_ERROR("Failed to execute program: %s", std::strerror(err));
-        ::_exit(1);
+    // The child ends with 1 after these, as if the program had.
+    if (child.failed == ow::child_failure::redirect) {
+        OW_ERROR("Failed to dup pipe: %s", std::strerror(child.error));
+    } else if (child.failed == ow::child_failure::exec) {
+        OW_ERROR("Failed to execute program: %s", std::strerror(child.error));
     }
 
     captured_output captured;
@@ -283,15 +260,15 @@ bool execute_program(const char* path, char* const* argv, char* output, size_t s
             const int err = errno;
             OW_ERROR("Failed to close write pipe: %s", std::strerror(err));
             ::close(fds[0]);
-            wait_child(pid, &status);  // never leave a zombie behind
+            ow::wait_child(child.pid, &status);  // never leave a zombie behind
             return false;
         }
-        collect_output(fds[0], pid, size, &captured);
+        collect_output(fds[0], child.pid, size, &captured);
         // Closing before the wait ends a grandchild's hold on the pipe the way a closed
         // pipe does; the child itself has ended or is about to.
         ::close(fds[0]);
     }
-    if (wait_child(pid, &status) != pid) {
+    if (ow::wait_child(child.pid, &status) != child.pid) {
         const int err = errno;
         OW_ERROR("Failed to wait for program: %s", std::strerror(err));
         return false;
@@ -300,7 +277,7 @@ bool execute_program(const char* path, char* const* argv, char* output, size_t s
         OW_ERROR("The program did not terminate normally");
         return false;
     }
-    const int32_t code = (status & 0xFF00) >> 8;
+    const int32_t code = ow::exit_code(status);
     if (output != nullptr && code == 0) {
         if (captured.error == ENOMEM) {
             OW_OOM();
@@ -329,19 +306,22 @@ bool fetch_remote_url(const char* program, const char* postdata, const char* opt
         OW_EINVAL();
         return false;
     }
+    // The post data goes to the tool in a file of our own, never on its command line, where
+    // every local user could read it.
+    ow::unique_cstr post_file(ow_tmp_file("axp"));
     ow::unique_cstr body_file(ow_tmp_file("axd"));
-    if (!body_file) return false;
     ow::unique_cstr header_file(ow_tmp_file("axh"));
-    if (!header_file) return false;
+    if (!post_file || !body_file || !header_file) return false;
 
-    // The tool's argument vector, in the order of the command line it replaces:
-    // program, options..., -d, data, -o, body file, -D, header file, url. All strings live
-    // in one block.
+    // The tool's argument vector, in the order of the command line it replaces: program,
+    // options..., --data-binary, @post file, -o, body file, -D, header file, url
+    // (--data-binary sends the file's bytes unchanged, as -d with the data itself did). All
+    // strings live in one block.
     const std::string_view option_text = options != nullptr ? options : "";
-    const std::string_view fixed[] = {"-d", postdata,          "-o", body_file.get(),
-                                      "-D", header_file.get(), url};
+    const std::string_view fixed[] = {"--data-binary",   "@", "-o", body_file.get(), "-D",
+                                      header_file.get(), url};
     std::size_t words = 1 + std::size(fixed);
-    std::size_t bytes = std::strlen(program) + 1;
+    std::size_t bytes = std::strlen(program) + std::strlen(post_file.get()) + 1;
     bool overflow = false;
     for_each_word(option_text, [&](std::string_view w) {
         ++words;
@@ -360,26 +340,31 @@ bool fetch_remote_url(const char* program, const char* postdata, const char* opt
     }
     std::size_t next_word = 0;
     char* cursor = block.get();
-    auto put = [&](std::string_view w) noexcept {
+    auto put = [&](std::string_view w, std::string_view tail = {}) noexcept {
         if (!w.empty()) std::memcpy(cursor, w.data(), w.size());
+        if (!tail.empty()) std::memcpy(cursor + w.size(), tail.data(), tail.size());
         argv.get()[next_word++] = cursor;
-        cursor += w.size() + 1;  // the block is zeroed: the NUL is already there
+        cursor += w.size() + tail.size() + 1;  // the block is zeroed: the NUL is there
     };
     put(program);
-    for_each_word(option_text, put);
-    for (std::string_view f : fixed) put(f);
+    for_each_word(option_text, [&](std::string_view w) { put(w); });
+    for (std::string_view f : fixed) put(f, f == "@" ? post_file.get() : std::string_view());
 
-    bool created_body = false;
-    bool created_header = false;
-    int exit_code = kToolNotStarted;
-    const char* files[] = {body_file.get(), header_file.get()};
-    bool* created[] = {&created_body, &created_header};
+    // Made here, exclusively: the post file with the data, then the tool's two output files.
+    const char* files[] = {post_file.get(), body_file.get(), header_file.get()};
+    bool created[3] = {};
     bool files_ready = true;
-    for (int i = 0; i < 2 && files_ready; ++i) {
+    for (int i = 0; i < 3 && files_ready; ++i) {
         int err = 0;
-        switch (prepare_output_file(files[i], &err)) {
+        int fd = -1;
+        switch (prepare_output_file(files[i], &err, i == 0 ? &fd : nullptr)) {
             case prepare_result::ok:
-                *created[i] = true;
+                created[i] = true;
+                if (fd >= 0) {
+                    const std::size_t length = std::strlen(postdata);
+                    files_ready = length == 0 || ow_write(fd, postdata, length);
+                    files_ready = ::close(fd) == 0 && files_ready;
+                }
                 break;
             case prepare_result::not_regular:
                 OW_ERROR("refusing to let [%s] be written: it exists and is not a regular file",
@@ -400,9 +385,20 @@ bool fetch_remote_url(const char* program, const char* postdata, const char* opt
     char* new_response = nullptr;
     int32_t new_status = 0;
     bool ok = false;
+    int exit_code = kToolNotStarted;
     if (files_ready) {
-        exit_code = run_tool(program, argv.get());
-        if (exit_code == 0 && ow_file_exists_ex(header_file.get(), OW_FILE_REGULAR)) {
+        captured_output diagnostic;
+        exit_code = run_tool(program, argv.get(), &diagnostic);
+        if (exit_code != 0) {
+            // The tool's own reason (connection refused, certificate refused, time-out...),
+            // on the one line it prints.
+            std::string_view text(diagnostic.data.get(), diagnostic.length);
+            while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+                text.remove_suffix(1);
+            }
+            OW_ERROR("transfer tool exited with code [%d]: %.*s", exit_code,
+                     static_cast<int>(text.size()), text.data());
+        } else if (ow_file_exists_ex(header_file.get(), OW_FILE_REGULAR)) {
             uint64_t header_size = 0;
             ow::unique_cstr headers(ow_file_get_contents_ex(header_file.get(), &header_size));
             // The file was made empty beforehand, so an empty one means the tool wrote no
@@ -427,8 +423,9 @@ bool fetch_remote_url(const char* program, const char* postdata, const char* opt
     std::free(*response);
     *response = new_response;
     *status = new_status;
-    if (created_body) ::unlink(body_file.get());
-    if (created_header) ::unlink(header_file.get());
+    for (int i = 0; i < 3; ++i) {
+        if (created[i]) ::unlink(files[i]);
+    }
     return ok;
 }
 

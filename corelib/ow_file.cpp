@@ -86,7 +86,8 @@ int ow_open_ex(const char* path, bool lock, int flags, unsigned int mode) {
         OW_EINVAL();
         return -1;
     }
-    const int fd = open(path, flags, static_cast<mode_t>(mode == 0 ? kDefaultMode : mode));
+    const int fd =
+        open(path, flags | O_CLOEXEC, static_cast<mode_t>(mode == 0 ? kDefaultMode : mode));
     if (fd == -1) {
         OW_ERRNO(errno);
         return -1;
@@ -392,7 +393,7 @@ bool ow_get_filesize(const char* path, uint64_t* size) {
         return false;
     }
     if (!ow_file_exists_ex(path, OW_FILE_REGULAR)) return false;
-    const int fd = open(path, O_RDONLY);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
         OW_ERROR("Failed to open file [%s]: %s", path, std::strerror(errno));
         return false;

@@ -55,15 +55,17 @@ void* mem_realloc(void* block, std::size_t size) noexcept;
 // A malloc'd NUL-terminated copy of s, or nullptr when the allocation fails (not logged).
 char* dup_cstr(std::string_view s) noexcept;
 
+// Only the test configuration's library (ardvex_testing) has these: the shipped one cannot
+// be made to fail.
 namespace testing {
 // Makes the n-th library allocation from now fail (1 = the next one); with sticky set every
 // allocation from the n-th on fails. 0 turns failures off.
-OW_API void fail_allocation(long n, bool sticky = false) noexcept;
+void fail_allocation(long n, bool sticky = false) noexcept;
 // Number of library allocations made so far (successful or not): lets a test find how many
 // allocations a call makes and then fail each one in turn.
-OW_API long allocation_count() noexcept;
+long allocation_count() noexcept;
 // Forgets the one-time VERBOSEDEBUG decision so a test can decide it again.
-OW_API void reset_debug_decision() noexcept;
+void reset_debug_decision() noexcept;
 }  // namespace testing
 
 // ---------------------------------------------------------------------------------------

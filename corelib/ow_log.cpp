@@ -21,11 +21,14 @@ ow_oom_handler_t g_oom_handler = nullptr;
 bool g_debug_decided = false;
 bool g_debug_enabled = false;
 
-// Allocation failure injection for tests; a countdown of allocations and a sticky mode.
+#ifdef ARDVEX_TESTING_SEAMS
+// Allocation failure injection, built only into the test configuration's library: a
+// countdown of allocations and a sticky mode.
 long g_fail_countdown = 0;
 bool g_fail_sticky = false;
 bool g_failing = false;
 long g_allocations = 0;
+#endif
 
 constexpr std::size_t kMessageBuffer = 256;
 constexpr std::size_t kMessageLimit = 255;  // vsnprintf keeps 254 characters and the NUL
@@ -42,6 +45,9 @@ void format_message(char (&buffer)[kMessageBuffer], const char* format, va_list 
 }
 
 bool allocation_should_fail() noexcept {
+#ifndef ARDVEX_TESTING_SEAMS
+    return false;
+#else
     ++g_allocations;
     if (g_failing) return true;
     if (g_fail_countdown > 0 && --g_fail_countdown == 0) {
@@ -49,6 +55,7 @@ bool allocation_should_fail() noexcept {
         return true;
     }
     return false;
+#endif
 }
 
 }  // namespace
@@ -152,6 +159,7 @@ char* dup_cstr(std::string_view s) noexcept {
     return out;
 }
 
+#ifdef ARDVEX_TESTING_SEAMS
 namespace testing {
 
 void fail_allocation(long n, bool sticky) noexcept {
@@ -168,4 +176,5 @@ void reset_debug_decision() noexcept {
 }
 
 }  // namespace testing
+#endif
 }  // namespace ow

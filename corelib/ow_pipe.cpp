@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "ow_child.hpp"
 #include "ow_internal.hpp"
 #include "ow_nulltermlist.h"
 #include "ow_stringutils.h"
@@ -43,45 +44,6 @@ void close_fd(int32_t& fd) noexcept {
     fd = -1;
 }
 
-// Moves fd above the standard descriptors, so that the child's dup2 onto 0 and 1 can never
-// overwrite one of the pipe ends it still has to read from. -1 (errno set) on failure.
-int lift_fd(int fd) noexcept {
-    if (fd > STDERR_FILENO) return fd;
-    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int err = errno;
-    ::close(fd);
-    errno = err;
-    return moved;
-}
-
-// A close-on-exec pipe whose ends are both above 2; false with errno set on failure.
-bool make_pipe(int32_t ends[2]) noexcept {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
-    for (int i = 0; i < 2; ++i) {
-        fds[i] = lift_fd(fds[i]);
-        if (fds[i] < 0) {
-            const int err = errno;
-            if (fds[1 - i] >= 0) ::close(fds[1 - i]);
-            errno = err;
-            return false;
-        }
-    }
-    ends[0] = fds[0];
-    ends[1] = fds[1];
-    return true;
-}
-
-// True once the child has ended. The child is not reaped, so ow_clean_pipe can still
-// collect its status.
-bool child_ended(pid_t pid) noexcept {
-    siginfo_t info{};
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-        return errno != EINTR;  // ECHILD: nothing left to wait for
-    }
-    return info.si_pid == pid;
-}
-
 // Reads and discards fd until end of file, or until the child has ended (a grandchild that
 // inherited the pipe may keep it open long after).
 void drain_output(int fd, pid_t pid) noexcept {
@@ -91,13 +53,13 @@ void drain_output(int fd, pid_t pid) noexcept {
         const int ready = ::poll(&p, 1, 100);
         if (ready < 0 && errno != EINTR) return;
         if (ready <= 0) {
-            if (child_ended(pid)) return;
+            if (ow::child_ended(pid)) return;
             continue;
         }
         const ssize_t got = ::read(fd, chunk, sizeof chunk);
         if (got == 0) return;
         if (got < 0 && errno != EINTR && errno != EAGAIN) return;
-        if (child_ended(pid)) return;
+        if (ow::child_ended(pid)) return;
     }
 }
 
@@ -208,10 +170,10 @@ void* relay_main(void* arg) {
                     r->error = errno;
                     break;
                 }
-            } else if (child_ended(r->child)) {
+            } else if (ow::child_ended(r->child)) {
                 break;
             }
-        } else if (ready == 0 && r->sink < 0 && child_ended(r->child)) {
+        } else if (ready == 0 && r->sink < 0 && ow::child_ended(r->child)) {
             break;
         }
     }
@@ -306,82 +268,38 @@ ow_pipe_handle* ow_init_pipe(const char* path, const char* args) {
         OW_ERROR("You may not use semicolons in ow_pipe arguments");
         return nullptr;
     }
-    auto* handle = static_cast<ow_pipe_handle*>(ow::mem_calloc(1, sizeof(ow_pipe_handle)));
-    if (handle == nullptr) {
+    ow::unique_cptr<ow_pipe_handle> handle(
+        static_cast<ow_pipe_handle*>(ow::mem_calloc(1, sizeof(ow_pipe_handle))));
+    if (!handle) {
         OW_OOM();
         return nullptr;
     }
-    int32_t out[2] = {-1, -1};
-    int32_t in[2] = {-1, -1};
-    if (!make_pipe(out) || !make_pipe(in)) {
-        const int err = errno;
-        OW_ERROR("failed to create pipes: %s", std::strerror(err));
-        close_fd(out[0]);
-        close_fd(out[1]);
-        std::free(handle);
-        return nullptr;
-    }
-    handle->out_read = out[0];
-    handle->out_write = out[1];
-    handle->in_read = in[0];
-    handle->in_write = in[1];
 
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        const int err = errno;
-        OW_ERROR("failed to fork: %s", std::strerror(err));
-        close_fd(handle->out_read);
-        close_fd(handle->out_write);
-        close_fd(handle->in_read);
-        close_fd(handle->in_write);
-        std::free(handle);
-        return nullptr;
-    }
-    if (pid > 0) {
-        close_fd(handle->in_read);
-        close_fd(handle->out_write);
-        handle->child = pid;
-        return handle;
-    }
-
-    // The child. Everything below ends in execv or _exit: exit() would run the parent's
-    // atexit handlers and flush its stdio buffers a second time.
-    if (::dup2(handle->in_read, STDIN_FILENO) < 0 || ::dup2(handle->out_write, STDOUT_FILENO) < 0) {
-        const int err = errno;
-        ::close(handle->out_read);
-        ::close(handle->out_write);
-        ::close(handle->in_read);
-        ::close(handle->in_write);
-        ::close(STDIN_FILENO);
-        ::close(STDOUT_FILENO);
-        OW_ERROR("error duplicating stdin/stdout: %s", std::strerror(err));
-        ::_exit(1);
-    }
-    ::close(handle->out_read);
-    ::close(handle->out_write);
-    ::close(handle->in_read);
-    ::close(handle->in_write);
-
-    // The first element is the base name as it stands; only the argument string is split,
-    // so a directory or program name with spaces never turns into extra arguments.
+    // The vector is built before anything is started (see ow_child.hpp). Its first element
+    // is the base name as it stands; only the argument string is split, so a directory or
+    // program name with spaces never turns into extra arguments.
     const std::string_view base = base_name(path);
-    char* line = nullptr;
-    if ((have_args ? ow_asprintf(&line, "%.*s %s", static_cast<int>(base.size()), base.data(), args)
-                   : ow_asprintf(&line, "%.*s", static_cast<int>(base.size()), base.data())) < 0) {
+    char* joined = nullptr;
+    if ((have_args
+             ? ow_asprintf(&joined, "%.*s %s", static_cast<int>(base.size()), base.data(), args)
+             : ow_asprintf(&joined, "%.*s", static_cast<int>(base.size()), base.data())) < 0) {
         OW_ENOMEM();
-        ::_exit(1);
+        return nullptr;
     }
+    ow::unique_cstr line(joined);
     char** argv = nullptr;
+    ow::scope_guard free_argv([&argv] { ow_lstfree(&argv, std::free); });
     char* first = ow::dup_cstr(base);
     if (first == nullptr || ow_lstcat(&argv, first) == nullptr) {
+        std::free(first);
         OW_ENOMEM();
-        ::_exit(1);
+        return nullptr;
     }
     if (have_args) {
         ow::unique_cstr words(ow::dup_cstr(args));
         if (!words) {
             OW_ENOMEM();
-            ::_exit(1);
+            return nullptr;
         }
         // A quote becomes a separator and toggles quoting; a space inside quotes is parked
         // as ';' so the split keeps the quoted stretch together.
@@ -396,21 +314,48 @@ ow_pipe_handle* ow_init_pipe(const char* path, const char* args) {
         }
         if (!ow_lstsplode_ex(&argv, words.get(), ' ', false)) {
             OW_ERROR("Failed to explode the string into a list");
-            ::_exit(1);
+            return nullptr;
         }
         for (char** word = argv + 1; *word != nullptr; ++word) {
             if (!ow_str_replace_smaller(*word, ";", " ")) {
                 OW_ERROR("Failed to replace semicolons with spaces");
-                ::_exit(1);
+                return nullptr;
             }
         }
     }
-    ::execv(path, argv);
+
+    int32_t out[2] = {-1, -1};
+    int32_t in[2] = {-1, -1};
+    if (!ow::make_pipe(out) || !ow::make_pipe(in)) {
+        const int err = errno;
+        OW_ERROR("failed to create pipes: %s", std::strerror(err));
+        close_fd(out[0]);
+        close_fd(out[1]);
+        return nullptr;
+    }
+    const int stdio[3] = {in[0], out[1], -1};
+    const ow::child child = ow::start_child(path, argv, stdio);
     const int err = errno;
-    OW_ERROR("execv(%s, %s) failed: %s", path, line, std::strerror(err));
-    ow_lstfree(&argv, std::free);
-    std::free(line);
-    ::_exit(1);
+    close_fd(in[0]);
+    close_fd(out[1]);
+    if (child.pid < 0) {
+        OW_ERROR("failed to fork: %s", std::strerror(err));
+        close_fd(out[0]);
+        close_fd(in[1]);
+        return nullptr;
+    }
+    // A child that could not run the program has ended with 1, which ow_clean_pipe returns.
+    if (child.failed == ow::child_failure::redirect) {
+        OW_ERROR("error duplicating stdin/stdout: %s", std::strerror(child.error));
+    } else if (child.failed == ow::child_failure::exec) {
+        OW_ERROR("execv(%s, %s) failed: %s", path, line.get(), std::strerror(child.error));
+    }
+    handle->out_read = out[0];
+    handle->out_write = -1;
+    handle->in_read = -1;
+    handle->in_write = in[1];
+    handle->child = child.pid;
+    return handle.release();
 }
 
 int32_t ow_clean_pipe(ow_pipe_handle* handle) {
@@ -419,18 +364,14 @@ int32_t ow_clean_pipe(ow_pipe_handle* handle) {
         return -1;
     }
     int status = 0;
-    pid_t waited = 0;
-    do {
-        waited = ::waitpid(handle->child, &status, 0);
-    } while (waited < 0 && errno == EINTR);
-    if (waited != handle->child) {
+    if (ow::wait_child(handle->child, &status) != handle->child) {
         const int err = errno;
         OW_ERROR("Failed to waitpid(): %s", std::strerror(err));
         std::free(handle);
         return -1;
     }
     std::free(handle);
-    const int code = (status >> 8) & 0xFF;
+    const int code = ow::exit_code(status);
     if (WIFSIGNALED(status)) {
         OW_DEBUG("Killed with signal [%d] => [%d]", status, code);
     } else {

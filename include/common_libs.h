@@ -8,7 +8,10 @@
  *  2. Calls block until the child has ended; a child that writes more than a pipe holds
  *     never makes them hang.
  *  3. Refused arguments and failing system calls write one ERROR line (ow_log.h).
- *  4. Strings handed back are malloc'd; the caller frees them with free().
+ *  4. Between fork and exec the child neither allocates nor logs (so another thread's lock
+ *     held at the fork cannot hang it); a program that cannot be executed is reported by
+ *     the parent. Children inherit no descriptor the library opened for itself.
+ *  5. Strings handed back are malloc'd; the caller frees them with free().
  */
 #ifndef COMMON_LIBS_H
 #define COMMON_LIBS_H
@@ -43,12 +46,16 @@ OW_API int32_t system_exit_code(const char* command);
 /* Posts postdata to url with the transfer tool at program, and returns the answer.
  *
  * The tool gets, as separate arguments and without any shell, the words of options (split
- * at blanks; NULL means none), then "-d", postdata byte for byte, "-o" with the body file,
- * "-D" with the header file, and url. The two files are the temporary names of
- * ow_tmp_file("axd") and ow_tmp_file("axh") (ow_file.h); the library creates them itself,
- * exclusively and with mode 0600, after removing a stale regular file of that name, and
- * removes them again before returning. Anything else standing at those names (a symbolic
- * link, a directory, ...) is never written through: the call fails instead.
+ * at blanks; NULL means none), then "--data-binary" with "@" and the post file, "-o" with
+ * the body file, "-D" with the header file, and url. The post file holds postdata byte for
+ * byte, so the data never shows in the process list. The three files are the temporary
+ * names of ow_tmp_file("axp"), ow_tmp_file("axd") and ow_tmp_file("axh") (ow_file.h); the
+ * library creates them itself, exclusively and with mode 0600, after removing a stale
+ * regular file of that name, and removes them again before returning. Anything else
+ * standing at those names (a symbolic link, a directory, ...) is never written through: the
+ * call fails instead. When the tool ends with a code other than 0, one ERROR line
+ * "transfer tool exited with code [%d]: %s" gives the code and what the tool wrote on
+ * standard error (its own reason; with curl, pass -S beside -s to have one).
  *
  * On return *response holds a new string (free() it): the response body (NULL when it could
  * not be read), or on failure "Fatal error executing remote url fetch. Exit code: [%d]" with

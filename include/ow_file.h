@@ -44,7 +44,8 @@ extern "C" {
 
 /* Opens path with open(2) flags and mode (0 means 0666, before the umask). With lock set,
  * then waits for the whole-file write lock. Returns the descriptor, which the caller closes
- * with ow_close(), or -1 on failure. */
+ * with ow_close(), or -1 on failure. The descriptor is always close-on-exec (O_CLOEXEC is
+ * added to flags), so no program the library starts inherits it. */
 OW_API int ow_open_ex(const char* path, bool lock, int flags, unsigned int mode);
 
 /* Closes fd. True on success; false for -1 or when close(2) fails. */

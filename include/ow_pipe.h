@@ -9,9 +9,14 @@
  *     spaces make no empty word); a stretch in double quotes is one word with its spaces
  *     kept, and a quote inside a word splits it there. Because of how quoting is carried
  *     out, the string may not contain ';' at all (refused before anything is started).
- *  3. Every failure writes one ERROR line (ow_log.h). Failures inside the child (building
- *     the vector, execv) are logged by the child, which then ends with exit status 1.
- *  4. Calls block until the child has ended. A child that writes more than a pipe holds
+ *  3. Every failure writes one ERROR line (ow_log.h), always from the calling process: the
+ *     vector is built before the child is started (a failure there starts nothing), and a
+ *     program that cannot be executed is reported by the parent, while the child ends with
+ *     exit status 1. Between fork and exec the child neither allocates nor logs, so a lock
+ *     another thread held at the fork cannot hang it.
+ *  4. Every descriptor the library opens is close-on-exec: the child inherits standard
+ *     error, its two pipes as standard input and output, and nothing else of ours.
+ *  5. Calls block until the child has ended. A child that writes more than a pipe holds
  *     never makes ow_pipe hang: output nobody reads is drained and discarded.
  *
  * Example:
@@ -48,8 +53,8 @@ typedef void (*ow_pipe_reader_fn)(int32_t fd, void* user);
 
 /* Starts path with the argument string args (may be NULL or empty: the vector is then the
  * base name alone) on two new pipes. Returns a malloc'd handle for ow_clean_pipe, or NULL
- * (logged) for a NULL or empty path, an args holding ';', or when the pipes or the fork
- * fail. All four descriptors are close-on-exec in the parent. */
+ * (logged) for a NULL or empty path, an args holding ';', or when the vector, the pipes or
+ * the fork fail. All four descriptors are close-on-exec in the parent. */
 OW_API ow_pipe_handle* ow_init_pipe(const char* path, const char* args);
 
 /* Waits for the child, frees the handle and returns the child's exit code. A child ended by

@@ -5,7 +5,9 @@
 #include <syslog.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "ardvex_config.h"
 #include "ax_metric.h"
@@ -19,12 +21,46 @@
 namespace {
 
 constexpr const char* kLogIdentity = "ardvex-metrics-client";
-constexpr const char* kTransferOptions = "-q -s -k";
+constexpr const char* kTransferOptions = ARDVEX_TRANSFER_OPTIONS;
 constexpr int32_t kAccepted = 200;
+
+constexpr const char* kHelp =
+    "Usage: ardvex-metrics-client [--help | --version]\n"
+    "\n"
+    "Collects this installation's metrics and, when they changed since the last accepted\n"
+    "post, posts them to the maker's endpoint and caches them. Meant to run once a day from\n"
+    "ardvex-metrics-client.timer; it reports only to the system log (facility mail, tag\n"
+    "ardvex-metrics-client) and through its exit status: 0 posted or unchanged, 1 failure.\n"
+    "\n"
+    "  endpoint   " ARDVEX_METRICS_URL
+    "\n"
+    "  cache      " ARDVEX_METRICS_CACHE
+    "\n"
+    "  identity   " ARDVEX_CONTROL_DIR
+    "{license_key,product_id,server_id}\n"
+    "  transfer   " ARDVEX_CURL " " ARDVEX_TRANSFER_OPTIONS
+    "\n"
+    "\n"
+    "Set VERBOSEDEBUG in the environment to log every step. See ardvex-metrics-client(8).\n";
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    // Only these two are understood, and they never collect or post anything; any other
+    // argument is ignored.
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0) {
+            std::fputs(kHelp, stdout);
+            return EXIT_SUCCESS;
+        }
+    }
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::puts("ardvex-metrics-client " ARDVEX_VERSION);
+            return EXIT_SUCCESS;
+        }
+    }
+
     openlog(kLogIdentity, LOG_PID, LOG_MAIL);
     ow_set_log_function(syslog);
 

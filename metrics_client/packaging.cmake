@@ -5,10 +5,11 @@
 set(ARDVEX_SYSTEMD_UNIT_DIR "lib/systemd/system"
   CACHE STRING "Where the systemd units are installed (relative: under the install prefix)")
 
+# The collectors' programs and the transfer's own limits, with a minute to spare.
+math(EXPR ARDVEX_UNIT_TIMEOUT "${ARDVEX_METRICS_CONNECT_TIMEOUT} + ${ARDVEX_METRICS_MAX_TIME} + 60")
 foreach(unit ardvex-metrics-client.service ardvex-metrics-client.timer)
-  configure_file(${CMAKE_CURRENT_SOURCE_DIR}/systemd/${unit} ${CMAKE_CURRENT_BINARY_DIR}/systemd/${unit}
-    @ONLY)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/systemd/${unit} DESTINATION ${ARDVEX_SYSTEMD_UNIT_DIR})
+  ardvex_install_rendered(${CMAKE_CURRENT_SOURCE_DIR}/systemd/${unit}
+    ${CMAKE_CURRENT_BINARY_DIR}/systemd/${unit} ${ARDVEX_SYSTEMD_UNIT_DIR})
 endforeach()
 
 configure_file(${CMAKE_CURRENT_SOURCE_DIR}/ardvex-metrics-client.8

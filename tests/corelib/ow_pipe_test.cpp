@@ -1,23 +1,24 @@
-// Tests of ow_pipe with real children: their argument vectors, input, output and exit codes,
-// refusals, and the lines a child logs before it ends.
+// Tests of ow_pipe with real children: their argument vectors, input, output, exit codes and
+// descriptors, and the refusals.
 #include "ow_pipe.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
 
+#include "common_libs.h"
 #include "log_capture.hpp"
+#include "ow_file.h"
 #include "ow_internal.hpp"
 
 namespace {
@@ -34,9 +35,6 @@ const bool g_printed_argv = [] {
     std::fflush(stdout);
     ::_exit(0);
 }();
-
-const std::string kEinval = std::strerror(EINVAL);
-const std::string kEnomem = std::strerror(ENOMEM);
 
 struct io {
     std::string in;
@@ -62,54 +60,14 @@ void write_in(int32_t fd, void* user) {
     EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
-// A child's lines land in its own copy of the capture buffer; this sink also appends them to
-// a file both processes share.
-int g_child_log_fd = -1;
-void tee_sink(int priority, const char* format, ...) {
-    char line[2048];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
-    va_end(args);
-    ow_test::captured().push_back({priority, line});
-    if (g_child_log_fd >= 0) ::dprintf(g_child_log_fd, "%s\n", line);
-}
-
-class PipeTest : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        char pattern[] = "/tmp/ow_pipe_test-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        g_child_log_fd = ::open((dir_ + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        ow_set_log_function(&tee_sink);
-        ::alarm(60);  // a hang is a failure, not a stuck test run
-    }
-    void TearDown() override {
-        ::alarm(0);
-        ::close(g_child_log_fd);
-        g_child_log_fd = -1;
-        std::filesystem::remove_all(dir_);
-        ::unsetenv("OW_PIPE_TEST_ARGV");
-        LogCaptureTest::TearDown();
-    }
-    // True when a line of the shared log file ends with " ERROR func(): message".
-    bool child_logged(const std::string& func, const std::string& message) const {
-        std::ifstream in(dir_ + "/log");
-        for (std::string line; std::getline(in, line);) {
-            if (line.ends_with(" ERROR " + func + "(): " + message)) return true;
-        }
-        return false;
-    }
-    std::string dir_;
-};
+using PipeTest = ow_test::LogCaptureTest;
 
 TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
     // The child is this very program under another name, so argv[0] shows too.
-    const std::string prog = dir_ + "/my prog";
+    const std::string prog = "/tmp/ow_pipe_test." + std::to_string(::getpid()) + " prog";
     ASSERT_EQ(::symlink(std::filesystem::read_symlink("/proc/self/exe").c_str(), prog.c_str()), 0);
     ::setenv("OW_PIPE_TEST_ARGV", "1", 1);
+    const std::string base = prog.substr(5);
     const std::string mib(1u << 20, 'x');
     const struct {
         std::string path;
@@ -119,13 +77,11 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
         std::string out;
         int32_t code;
     } cases[] = {
-        {prog, "a \"b c\" d", "", read_all, "my prog|a|b c|d|", 0},
-        {prog, " lead  trail ", "", read_all, "my prog|lead|trail|", 0},
-        {prog, nullptr, "", read_all, "my prog|", 0},
-        {prog, "x\"y z\"w 'single quotes'", "", read_all, "my prog|x|y z|w|'single|quotes'|", 0},
-        {prog, "\"open  quote", "", read_all, "my prog|open  quote|", 0},
-        {"/bin/cat", nullptr, "line one\nline \"two\"; 3\n", read_all,
-         "line one\nline \"two\"; 3\n", 0},
+        {prog, "a \"b c\" d", "", read_all, base + "|a|b c|d|", 0},
+        {prog, " lead  trail ", "", read_all, base + "|lead|trail|", 0},
+        {prog, nullptr, "", read_all, base + "|", 0},
+        {prog, "x\"y z\"w 'single quotes'", "", read_all, base + "|x|y z|w|'single|quotes'|", 0},
+        {prog, "\"open  quote", "", read_all, base + "|open  quote|", 0},
         {"/bin/sh", "-c \"exit 255\"", "", nullptr, "", 255},
         // A killed child cannot be told from one that exited with 0.
         {"/bin/sh", "-c \"kill -9 $$\"", "", nullptr, "", 0},
@@ -146,70 +102,82 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
             c.code);
         EXPECT_TRUE(data.out == c.out) << data.out.size() << " bytes: " << data.out.substr(0, 80);
     }
+    ::unlink(prog.c_str());
+    ::unsetenv("OW_PIPE_TEST_ARGV");
     EXPECT_NO_ERRORS();
-}
 
-TEST_F(PipeTest, HandleGivesTheDescriptors) {
     ow_pipe_handle* handle = ow_init_pipe("/bin/sh", "-c \"read x && echo got $x && exit 2\"");
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(handle->in_read, -1);  // the child's ends are closed in the parent
     EXPECT_EQ(handle->out_write, -1);
-    const int32_t in = ow_pipe_write_fd(handle);
-    ASSERT_EQ(::write(in, "42\n", 3), 3);
-    ::close(in);
+    ASSERT_EQ(::write(ow_pipe_write_fd(handle), "42\n", 3), 3);
+    ::close(ow_pipe_write_fd(handle));
     io answer;
     read_all(ow_pipe_read_fd(handle), &answer);
     EXPECT_EQ(answer.out, "got 42\n");
     EXPECT_EQ(ow_clean_pipe(handle), 2);
+}
+
+// Children get standard error, the pipes they were given and nothing else, even while the
+// library holds other descriptors: a pipe handle, an open file and the relay of a writer.
+void list_descriptors_while_writing(int32_t, void* user) {
+    char* argv[] = {const_cast<char*>("ls"), const_cast<char*>("/proc/self/fd"), nullptr};
+    char listing[64] = {};
+    EXPECT_TRUE(execute_program("/bin/ls", argv, listing, sizeof listing - 1, nullptr));
+    static_cast<io*>(user)->out = listing;
+}
+
+TEST_F(PipeTest, ChildrenInheritOnlyTheirOwnDescriptors) {
+    // Descriptors of the test harness are not the library's to close.
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        if (fd > 2) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+    ow_pipe_handle* held = ow_init_pipe("/bin/cat", nullptr);
+    ASSERT_NE(held, nullptr);
+    const int file = ow_open_ex("/proc/self/exe", false, O_RDONLY, 0);
+    ASSERT_GE(file, 0);
+    // ls itself opens the directory it lists as 3.
+    io listing{"-", ""};
+    EXPECT_EQ(ow_pipe("/bin/true", nullptr, nullptr, list_descriptors_while_writing, &listing), 0);
+    EXPECT_EQ(listing.out, "0\n1\n2\n3\n");
+    listing.out.clear();
+    EXPECT_EQ(ow_pipe("/bin/ls", "/proc/self/fd", read_all, nullptr, &listing), 0);
+    EXPECT_EQ(listing.out, "0\n1\n2\n3\n");
+    ::close(file);
+    ::close(ow_pipe_write_fd(held));
+    ::close(ow_pipe_read_fd(held));
+    EXPECT_EQ(ow_clean_pipe(held), 0);
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(PipeTest, Refusals) {
-    const std::string marker = dir_ + "/marker";
-    const std::string touch_args = marker + " x;y";
-    const struct {
-        const char* func;
-        std::string message;
-        std::function<bool()> refused;
-    } cases[] = {
-        {"ow_init_pipe", "You may not use semicolons in ow_pipe arguments",
-         [&] {
-             return ow_pipe("/usr/bin/touch", touch_args.c_str(), nullptr, nullptr, nullptr) == -1;
-         }},
-        {"ow_pipe", kEinval, [] { return ow_pipe("", "a", nullptr, nullptr, nullptr) == -1; }},
-        {"ow_init_pipe", kEinval, [] { return ow_init_pipe("", nullptr) == nullptr; }},
-        {"ow_clean_pipe", kEinval, [] { return ow_clean_pipe(nullptr) == -1; }},
-        {"ow_pipe_read_fd", kEinval, [] { return ow_pipe_read_fd(nullptr) == -1; }},
-        {"ow_pipe_write_fd", kEinval, [] { return ow_pipe_write_fd(nullptr) == -1; }},
-        {"ow_init_pipe", kEnomem,
-         [] {
-             ow::testing::fail_allocation(1);
-             return ow_pipe("/bin/true", nullptr, nullptr, nullptr, nullptr) == -1;
-         }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.func + (" " + c.message));
-        clear_log();
-        EXPECT_TRUE(c.refused());
-        EXPECT_ERROR_LINE(c.func, c.message);
-    }
-    EXPECT_FALSE(std::filesystem::exists(marker));  // nothing was started
-}
-
-TEST_F(PipeTest, FailuresInTheChildEndItWithOne) {
+TEST_F(PipeTest, RefusalsAndFailuresBeforeTheProgramRuns) {
+    const std::string einval = std::strerror(EINVAL);
+    const std::string enomem = std::strerror(ENOMEM);
     const std::string enoent = std::strerror(ENOENT);
-    EXPECT_EQ(ow_pipe("/nonexistent/prog", "a \"b c\"", nullptr, nullptr, nullptr), 1);
-    EXPECT_TRUE(
-        child_logged("ow_init_pipe", "execv(/nonexistent/prog, prog a \"b c\") failed: " + enoent));
-    EXPECT_EQ(ow_pipe("/nonexistent/prog", nullptr, nullptr, nullptr, nullptr), 1);
-    EXPECT_TRUE(child_logged("ow_init_pipe", "execv(/nonexistent/prog, prog) failed: " + enoent));
-
-    // The handle is the parent's only allocation; everything after it fails in the child.
-    ow::testing::fail_allocation(2, true);
-    EXPECT_EQ(ow_pipe("/bin/echo", "a b", nullptr, nullptr, nullptr), 1);
-    ow::testing::fail_allocation(0);
-    EXPECT_TRUE(child_logged("ow_init_pipe", kEnomem)) << ow_test::dump();
-    EXPECT_NO_ERRORS();  // in the parent
+    const std::string marker = "/tmp/ow_pipe_test." + std::to_string(::getpid());
+    const std::string touch_args = marker + " x;y";
+    ow_test::refused(
+        "ow_init_pipe", "You may not use semicolons in ow_pipe arguments",
+        {ow_pipe("/usr/bin/touch", touch_args.c_str(), nullptr, nullptr, nullptr) == -1});
+    EXPECT_FALSE(std::filesystem::exists(marker));  // nothing was started
+    ow_test::refused("ow_pipe", einval, {ow_pipe("", "a", nullptr, nullptr, nullptr) == -1});
+    ow_test::refused("ow_init_pipe", einval, {ow_init_pipe("", nullptr) == nullptr});
+    ow_test::refused("ow_clean_pipe", einval, {ow_clean_pipe(nullptr) == -1});
+    ow_test::refused("ow_pipe_read_fd", einval, {ow_pipe_read_fd(nullptr) == -1});
+    ow_test::refused("ow_pipe_write_fd", einval, {ow_pipe_write_fd(nullptr) == -1});
+    // The handle, the joined line, the vector: each failure starts nothing.
+    for (long n = 1; n <= 4; ++n) {
+        SCOPED_TRACE(n);
+        ow::testing::fail_allocation(n);
+        ow_test::refused("ow_init_pipe", enomem,
+                         {ow_pipe("/bin/echo", "a b", nullptr, nullptr, nullptr) == -1});
+    }
+    // A program that cannot be run: the parent says so, and the child's status is 1.
+    ow_test::refused("ow_init_pipe", "execv(/nonexistent/prog, prog a \"b c\") failed: " + enoent,
+                     {ow_pipe("/nonexistent/prog", "a \"b c\"", nullptr, nullptr, nullptr) == 1});
+    ow_test::refused("ow_init_pipe", "execv(/nonexistent/prog, prog) failed: " + enoent,
+                     {ow_pipe("/nonexistent/prog", nullptr, nullptr, nullptr, nullptr) == 1});
 }
 
 }  // namespace

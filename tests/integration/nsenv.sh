@@ -13,8 +13,9 @@
 # identity license_key=K, product_id=7, server_id=U and enabled=1 in the control directory;
 # a syslog listener on /dev/log recording every datagram as a JSON line; and the HTTPS
 # endpoint (tests/support/https_endpoint.py) on the metrics URL's port of 127.0.0.1,
-# recording every body. The command finds everything through the NSENV_* variables at the
-# end of this file; its exit status is nsenv.sh's.
+# recording every body; its certificate is the client's only trust anchor. The command finds
+# everything through the NSENV_* variables at the end of this file; its exit status is
+# nsenv.sh's.
 set -euo pipefail
 
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -48,6 +49,7 @@ zimbra_dir=$(cache_var ARDVEX_ZIMBRA_DIR /opt/zimbra)
 curl_path=$(cache_var ARDVEX_CURL /usr/bin/curl)
 metrics_host=$(cache_var ARDVEX_METRICS_HOST metrics.ardvex.example)
 metrics_url=$(cache_var ARDVEX_METRICS_URL "https://$metrics_host/store/metrics.php")
+ca_file=$(cache_var ARDVEX_METRICS_CA_FILE "")
 # The port of the URL's authority, 443 without one.
 authority=${metrics_url#*://}
 authority=${authority%%/*}
@@ -176,6 +178,19 @@ start_service "the syslog listener" "$work/syslog.out" ready \
 mkdir -p "$work/records" "$work/cert"
 bash "$source_dir/tests/support/make_cert.sh" "$work/cert" "$metrics_host" >/dev/null 2>&1 \
     || die "tests/support/make_cert.sh failed"
+# The endpoint's certificate is the client's only trust anchor: at the build's CA file, or
+# as the whole system store when the build trusts that.
+if [ -n "$ca_file" ]; then
+    trust=$ca_file
+    for p in "${privatised[@]}"; do [[ $ca_file == "$p"/* ]] && break; done
+    [[ $ca_file == "$p"/* ]] || die "the build's CA file $ca_file is outside the private directories"
+    mkdir -p "$(dirname "$ca_file")"
+else
+    trust=/etc/ssl/certs/ca-certificates.crt
+    mkdir -p /etc/ssl/certs
+    mount -t tmpfs -o mode=755 nsenv-certs /etc/ssl/certs
+fi
+cp "$work/cert/cert.pem" "$trust"
 start_service "the HTTPS endpoint" "$work/endpoint.out" "ready $endpoint_port" \
     "$python" "$source_dir/tests/support/https_endpoint.py" --bind 127.0.0.1 \
     --port "$endpoint_port" --cert "$work/cert/cert.pem" --key "$work/cert/key.pem" \
@@ -189,6 +204,6 @@ export NSENV_SUITE_BIN_DIR=$suite_bin_dir NSENV_ZIMBRA_DIR=$zimbra_dir
 export NSENV_ZIMBRA_RELEASE=$work/zimbra-release NSENV_ZMCONTROL_CALLS=$work/zmcontrol.calls
 export NSENV_METRICS_HOST=$metrics_host NSENV_METRICS_URL=$metrics_url
 export NSENV_SYSLOG_FILE=$work/syslog.jsonl NSENV_RECORD_DIR=$work/records
-export NSENV_CERT=$work/cert/cert.pem NSENV_KEY=$work/cert/key.pem
+export NSENV_CERT=$work/cert/cert.pem NSENV_KEY=$work/cert/key.pem NSENV_TRUST=$trust
 export NSENV_ENDPOINT_PORT=$endpoint_port NSENV_ENDPOINT_PID=${pids[-1]}
 "$@"
