@@ -81,11 +81,11 @@ echo "identity: license_key=$(cat "$NSENV_CONTROL_DIR/license_key")" \
 
 run_client "run 1: first post (no cache yet)"
 echo "cache $NSENV_CACHE:"
-"$python" "$source_dir/tests/integration/mapfile.py" "$NSENV_CACHE" | sed 's/^/    /'
+od -A d -c "$NSENV_CACHE" | sed 's/^/    /'
 
 run_client "run 2: nothing changed"
 
 printf '0\n' >"$NSENV_CONTROL_DIR/enabled"
 run_client "run 3: enabled switch flipped to 0"
 echo "cache $NSENV_CACHE:"
-"$python" "$source_dir/tests/integration/mapfile.py" "$NSENV_CACHE" | sed 's/^/    /'
+od -A d -c "$NSENV_CACHE" | sed 's/^/    /'
