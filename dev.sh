@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # dev.sh: set-up, build and test entry point of the ardvex tree.
-#   ./dev.sh test   install what is missing, build the debug, asan and fuzz presets and run
-#                   every test in each
+#   ./dev.sh test   install what is missing, check the formatting, build the debug, asan and
+#                   fuzz presets and run every test in each
 #   ./dev.sh run    install what is missing, build the release preset and run the metrics
 #                   client for real against a local HTTPS endpoint inside private namespaces
 #   ./dev.sh deps   only install the Debian packages the tree needs
@@ -10,7 +10,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(build-essential cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
           libbenchmark-dev libpcre3-dev libglib2.0-dev clang libclang-rt-14-dev curl openssl
-          python3 iproute2 util-linux procps)
+          python3 iproute2 util-linux procps clang-format systemd)
 
 deps() {
     local missing=()
@@ -34,6 +34,13 @@ build() {
     cmake --build --preset "$preset"
 }
 
+# Every C and C++ source is as clang-format (.clang-format) writes it; build trees are not ours.
+check_format() {
+    find . \( -path './build*' -o -path ./.git \) -prune -o \
+        \( -name '*.c' -o -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print0 |
+        xargs -0 clang-format --dry-run --Werror
+}
+
 run_tests() {
     local preset=$1
     build "$preset"
@@ -44,6 +51,7 @@ case "${1:-}" in
     deps) deps ;;
     test)
         deps
+        check_format
         run_tests debug
         run_tests asan
         run_tests fuzz

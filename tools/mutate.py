@@ -112,6 +112,7 @@ def main():
     p.add_argument("--fraction", type=float, default=0.05)
     p.add_argument("--seed", default="1")
     p.add_argument("--list", action="store_true", help="only list the picked mutants")
+    p.add_argument("--resume", help="output of an earlier run on the same tree: its verdicts stand")
     p.add_argument("files", nargs="*")
     a = p.parse_args()
     build = a.build or os.path.join(a.root, "build", "debug")
@@ -127,10 +128,23 @@ def main():
             if picked(a.seed, rel, lines[i], kind, a.fraction):
                 todo.append((rel, text, i, kind, new))
     killed = survived = broken = 0
+    earlier = {}
+    if a.resume:
+        with open(a.resume) as f:
+            for line in f:
+                verdict, _, rest = line.partition(" ")
+                earlier[rest.strip().split("  | ")[0]] = verdict
     for rel, text, i, kind, new in todo:
         where = "%s:%d %s" % (rel, i + 1, kind)
         if a.list:
             print(where + "  | " + text.split("\n")[i].strip())
+            continue
+        if where in earlier:
+            verdict = earlier[where]
+            killed += verdict == "killed"
+            survived += verdict == "SURVIVED"
+            broken += verdict == "not"
+            print(("%-10s " % ("not built" if verdict == "not" else verdict)) + where, flush=True)
             continue
         path = os.path.join(a.root, rel)
         lines = text.split("\n")
