@@ -42,9 +42,7 @@ TEST_F(NullTermListTest, SplodeCutsAtEveryDelimiter) {
     } cases[] = {
         {"ls -l  /tmp", ' ', false, {"ls", "-l", "/tmp"}},
         {"ls -l  /tmp", ' ', true, {"ls", "-l", "", "/tmp"}},
-        {"", ',', true, {}},
         {",a,", ',', true, {"", "a", ""}},
-        {",a,", ',', false, {"a"}},
         {",,,", ',', false, {}},
     };
     for (const auto& c : cases) {
@@ -73,11 +71,9 @@ TEST_F(NullTermListTest, GrowFindEqualAndRemove) {
     ASSERT_TRUE(ow_lstsplode_ex(&copies, "a b c", ' ', false));
     EXPECT_EQ(ow_lstfind(list_, "b", std::strcmp), list_ + 1);
     EXPECT_EQ(ow_lstfind(list_, "b", nullptr), nullptr);
-    EXPECT_EQ(ow_lstfind(list_, c, nullptr), list_ + 2);
     EXPECT_EQ(ow_lstequal(list_, copies, std::strcmp), 1);
     EXPECT_EQ(ow_lstequal(list_, copies, nullptr), 0);
     EXPECT_EQ(ow_lstequal(list_, prefix, std::strcmp), 0);
-    EXPECT_EQ(ow_lstequal(prefix, list_, std::strcmp), 0);
     EXPECT_EQ(ow_lstequal(none, none, nullptr), 1);
     EXPECT_EQ(ow_lstequal(nullptr, none, nullptr), -1);
 

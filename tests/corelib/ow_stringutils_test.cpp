@@ -48,18 +48,13 @@ TEST_F(StringUtilsTest, Operations) {
         {"abcdefghijklmnopqrstuvwxyz", OP(ow_strcat(s, *s + 20) && ow_strcat(s, *s)),
          "abcdefghijklmnopqrstuvwxyzuvwxyzabcdefghijklmnopqrstuvwxyzuvwxyz"},
         {nullptr, OP(ow_ccat(s, 'x')), "x"},
-        {"ab", OP(ow_ccat(s, 'c')), "abc"},
         {"n=", OP(ow_icat(s, -42)), "n=-42"},
-        {"old", OP(ow_ltoa(s, 0)), "0"},
         {nullptr, OP(ow_ltoa(s, INT64_MIN)), "-9223372036854775808"},
         {" a b\r\n", OP(ow_trim(s), true), "a b"},
-        {"   ", OP(ow_trim(s), true), ""},
         {"", OP(ow_trim(s), true), "", true},
         {"abc\r\ndef", OP(ow_chomp(s), true), "abc"},
         {"  a \t\t b\tc  ", OP(ow_simplify_whitespace(s)), "a b\tc"},  // a lone tab stays
-        {"a\n\nb\v\fc d", OP(ow_simplify_whitespace(s)), "a b c d"},
-        {" x\xA0 z\t", OP(ow_strip_whitespace(s), true), "x\xA0z"},  // high bytes stay
-        {"ab", OP(ow_strip_whitespace(s), true), "ab", true},
+        {" x\xA0 z\t", OP(ow_strip_whitespace(s), true), "x\xA0z"},    // high bytes stay
         {"  a b  ", OP(ow_trim_ex(*s, OW_TRIM_LEFT), true), "a b  ", true},
         {"  a b  ", OP(ow_trim_ex(*s, OW_TRIM_RIGHT), true), "  a b", true},
         {" \t\n\v\f\r\xA0x\xA0 \t\n\v\f\r", OP(ow_trim_ex(*s, OW_TRIM_BOTH), true), "\xA0x\xA0",
@@ -69,14 +64,11 @@ TEST_F(StringUtilsTest, Operations) {
         {"a b", OP(ow_str_replace(s, " ", "%20")), "a%20b"},
         {"abb", OP(ow_str_replace(s, "ab", "a")), "ab", true},  // output is not searched again
         {"aaa", OP(ow_str_replace(s, "aa", "a")), "aa", true},  // matches do not overlap
-        {"xyz", OP(ow_str_replace(s, "q", "QQ")), "xyz"},
-        {"ab", OP(ow_str_replace(s, "abc", "")), "ab", true},
         {"abab", OP(ow_str_replace(s, "ab", "")), "", true},
         {"=-=-=-=-=-=-=-=-=-=", OP(ow_str_replace(s, "=", "<>")), "<>-<>-<>-<>-<>-<>-<>-<>-<>-<>"},
         {nullptr, OP(ow_asprintf(s, "%s-%d", "a", 42) == 4), "a-42"},
         {nullptr, OP(format_via_list(s, "%s%s=%s", "", "K", "v") == 3), "K=v"},
         {nullptr, OP((*s = ow_strdup_till(kv, &stop, '=')) && stop == kv + 1), "k"},
-        {nullptr, OP((*s = ow_strdup_till(kv + 1, &stop, '=')) && stop == kv + 1), ""},
         {nullptr, OP((*s = ow_strdup_till(kv + 2, &stop, '+')) && stop == kv + 5), "a=b"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message()
@@ -152,16 +144,12 @@ TEST_F(StringUtilsTest, FailedAllocationLeavesTheStringAlone) {
         {{"ow_str_replace"},
          OP(ow_str_replace(s, ".", "%2E")),
          "x.x.x.x.x.x.x.x.x.x.x.x.x.x.x.x.x.x.x.x."},
-        {{"ow_str_replace"}, OP(ow_str_replace(s, "q", "%2E")), "x.x"},
         {{"ow_strcat"}, OP(ow_strcat(s, "tail")), "head"},
-        {{"ow_strcat"}, OP(ow_strcat(s, "tail")), nullptr},
         {{"ow_ccat"}, OP(ow_ccat(s, 'c')), "head"},
         {{"ow_ltoa", "ow_strcat"}, OP(ow_icat(s, 55)), "head"},
         {{"ow_strip_whitespace"}, OP(ow_strip_whitespace(s), false), " a "},
-        {{"ow_trim"}, OP(ow_trim(s), false), "   "},
         {{"ow_trim"}, OP(ow_simplify_whitespace(s)), "\t\ta  b"},
         {{"ow_asprintf"}, OP(ow_asprintf(s, "%d", 1) == 1), nullptr},
-        {{"ow_vasprintf"}, OP(format_via_list(s, "%d", 1) == 1), nullptr},
         // A failed copy must not move the caller's stop pointer either.
         {{"ow_strdup_till"}, OP(*s = ow_strdup_till("a=b", &stop, '='), stop != nullptr), nullptr}};
     for (const auto& c : cases) {

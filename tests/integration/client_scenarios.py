@@ -241,19 +241,6 @@ def scenario_cache_is_directory():
           "cache is a directory: the set is posted, the directory left as it was")
 
 
-def scenario_stand_ins():
-    bin_dir = E["NSENV_SUITE_BIN_DIR"]
-    secure = os.path.join(bin_dir, "ardvex-secure")
-    os.symlink("/bin/echo", os.path.join(bin_dir, "innocent"))
-    for what, argv, status in [
-            ("a path that leaves the suite's directory", [secure, bin_dir + "/../../../bin/echo"],
-             126),
-            ("a link that leads out of it", [secure, os.path.join(bin_dir, "innocent")], 126),
-            ("a missing program", [secure, os.path.join(bin_dir, "missing")], 127)]:
-        p = subprocess.run(argv + ["escaped"], capture_output=True, text=True)
-        check(p.returncode == status and p.stdout == "", "ardvex-secure refuses " + what)
-
-
 def main():
     if len(sys.argv) != 2 or "scenario_" + sys.argv[1] not in globals():
         names = sorted(n[len("scenario_"):] for n in globals() if n.startswith("scenario_"))
