@@ -296,7 +296,7 @@ bool execute_program(const char* path, char* const* argv, char* output, size_t s
 int32_t system_exit_code(const char* command) {
     if (command == nullptr) return -1;
     const int status = std::system(command);
-    return (status & 0xFF00) >> 8;
+    return ow::exit_code(status);
 }
 
 bool fetch_remote_url(const char* program, const char* postdata, const char* options,
