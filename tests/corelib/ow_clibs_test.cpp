@@ -26,8 +26,8 @@ TEST_F(ClibsTest, StopwatchMeasuresFromOneStartAndBorrowsASecond) {
     ow_stopwatch sw;
     std::memset(&sw, 0x5A, sizeof sw);
     ASSERT_TRUE(ow_stopwatch_start(&sw));
-    EXPECT_EQ(sw.stop_sec, 0);  // start clears the whole record
-    sw = {sw.start_sec - 2, 999999, 0, 0};
+    EXPECT_EQ(sw.stop_sec, 0);                      // start clears the whole record
+    sw = {sw.start_sec - 2, 999999, 0, 777777777};  // the stop must overwrite its pair
     const double elapsed = ow_stopwatch_stop(&sw);
     EXPECT_GT(elapsed, 1.0);
     EXPECT_GE(sw.stop_usec, 0);

@@ -55,6 +55,7 @@ TEST_F(StringUtilsTest, Operations) {
         {"abc\r\ndef", OP(ow_chomp(s), true), "abc"},
         {"  a \t\t b\tc  ", OP(ow_simplify_whitespace(s)), "a b\tc"},  // a lone tab stays
         {" x\xA0 z\t", OP(ow_strip_whitespace(s), true), "x\xA0z"},    // high bytes stay
+        {"ab", OP(ow_strip_whitespace(s), true), "ab", true},
         {"  a b  ", OP(ow_trim_ex(*s, OW_TRIM_LEFT), true), "a b  ", true},
         {"  a b  ", OP(ow_trim_ex(*s, OW_TRIM_RIGHT), true), "  a b", true},
         {" \t\n\v\f\r\xA0x\xA0 \t\n\v\f\r", OP(ow_trim_ex(*s, OW_TRIM_BOTH), true), "\xA0x\xA0",
