@@ -1,20 +1,28 @@
-// ardvex-log.cpp: the statistics of the screening engine. Every logged message is counted in a
-// daily file per month and an hourly file per log directory; both are fixed-size images that
-// other programs read, updated in place under the whole-file lock of ow_open_ex so that the
-// read-modify-write of one count is atomic across the processes sharing a directory.
+// ardvex-log.cpp: the screening engine's message and authentication logs and its statistics.
+// Every logged message is counted in a daily file per month and an hourly file per log
+// directory; both are fixed-size images that other programs read, updated in place under the
+// whole-file lock of ow_open_ex so that the read-modify-write of one count is atomic across
+// the processes sharing a directory. Log lines are built whole and written with one call under
+// the same kind of lock, so they never interleave.
 #include "ardvex-log.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <initializer_list>
+#include <string>
+#include <string_view>
 
 #include "ardvex-log-internal.hpp"
+#include "ardvex_config.h"
 #include "ow_file.h"
 #include "ow_internal.hpp"
 
@@ -484,9 +492,238 @@ int hours_to_clear(int elapsed, std::time_t last, int hour) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
+// Log lines
+
+namespace {
+
+// A log write holds at most this many characters (ow_fprintf); longer lines are cut to fit.
+constexpr std::size_t kLineLimit = 1022;
+constexpr std::string_view kCutMark = "...";
+
+constexpr const char* kMessageTypeNames[] = {"HAM",       "SPAM", "EXEMPT",    "RATELIMIT",
+                                             "RATELIMIT", "NDR",  "QUARANTINE"};
+constexpr uint8_t kMessageTypeCount = 7;
+// Position 0 is never written: type 0 is refused.
+constexpr const char* kAuthTypeNames[] = {"UNKNOWN", "PASS", "BLOCK", "EXEMPT"};
+
+// A session string as it may appear in a log line: NULL as fallback, control bytes as '?'.
+std::string field(const char* s, const char* fallback = "(null)") {
+    std::string out(s != nullptr ? s : fallback);
+    for (char& c : out) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) c = '?';
+    }
+    return out;
+}
+
+// The client's host name as the rules settled it; `timeout` stands in for a lookup that
+// failed for now (the message log shows that, the authentication log does not).
+std::string host_name(const spam_session& session, bool show_timeout) {
+    if (session.rdns != nullptr) return field(session.rdns);
+    if (session.ptr_names != nullptr) return field(session.ptr_names[0]);
+    if (show_timeout && session.ptr_state == SPAM_PTR_TEMPFAIL) return "(timeout)";
+    return "(null)";
+}
+
+// Cuts the longest of `fields` until `fixed` characters plus theirs fit the line limit: one
+// cap for all, so a field shorter than the cap keeps every byte.
+void fit_line(std::size_t fixed, std::initializer_list<std::string*> fields) {
+    std::size_t total = fixed, longest = 0;
+    for (const std::string* f : fields) {
+        total += f->size();
+        longest = std::max(longest, f->size());
+    }
+    if (total <= kLineLimit || fixed >= kLineLimit) return;
+    const std::size_t budget = kLineLimit - fixed;
+    // The largest cap whose capped lengths fit the budget.
+    std::size_t low = 0, high = longest;
+    while (low < high) {
+        const std::size_t cap = (low + high + 1) / 2;
+        std::size_t sum = 0;
+        for (const std::string* f : fields) sum += std::min(f->size(), cap);
+        if (sum <= budget) {
+            low = cap;
+        } else {
+            high = cap - 1;
+        }
+    }
+    for (std::string* f : fields) {
+        if (f->size() <= low) continue;
+        f->resize(low);
+        if (low >= kCutMark.size()) f->replace(low - kCutMark.size(), kCutMark.size(), kCutMark);
+    }
+}
+
+std::string printf_string(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string printf_string(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    std::string out;
+    if (length > 0) {
+        out.resize(static_cast<std::size_t>(length));
+        std::vsnprintf(out.data(), out.size() + 1, format, again);
+    }
+    va_end(again);
+    return out;
+}
+
+// Renders a line; when it is longer than a log write may be, cuts `fields` (which the
+// renderer reads) to fit and renders again.
+template <typename Render>
+std::string fitted_line(Render render, std::initializer_list<std::string*> fields) {
+    std::string line = render();
+    if (line.size() <= kLineLimit) return line;
+    std::size_t variable = 0;
+    for (const std::string* f : fields) variable += f->size();
+    fit_line(line.size() - variable, fields);
+    return render();
+}
+
+struct message_fields {
+    std::string program, reason, user, ip, host, country, port, helo, from, rcpt;
+};
+
+std::string message_line(const struct tm& when, int pid, uint8_t type, bool authenticated, bool tls,
+                         message_fields& f, bool show_reason) {
+    if (!show_reason) f.reason.clear();
+    auto render = [&] {
+        return printf_string(
+            "%04d-%02d-%02d %02d:%02d:%02d %s[%d]: %s%s%s%s: mua=[%s:%s],ip=[%s:%s:%s],"
+            "port=<%s>,tls=<%s>,helo=<%s>,from=<%s>,rcpt=<%s>\r\n",
+            when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min,
+            when.tm_sec, f.program.c_str(), pid, kMessageTypeNames[type], show_reason ? "[" : "",
+            f.reason.c_str(), show_reason ? "]" : "", authenticated ? "yes" : "no", f.user.c_str(),
+            f.ip.c_str(), f.host.c_str(), f.country.c_str(), f.port.c_str(), tls ? "yes" : "no",
+            f.helo.c_str(), f.from.c_str(), f.rcpt.c_str());
+    };
+    return fitted_line(render, {&f.program, &f.reason, &f.user, &f.ip, &f.host, &f.country, &f.port,
+                                &f.helo, &f.from, &f.rcpt});
+}
+
+struct auth_fields {
+    std::string program, reason, ip, host, country, port, user;
+};
+
+std::string auth_line(const struct tm& when, int pid, int type, bool tls, auth_fields& f) {
+    const bool show_reason = type != ARDVEX_AUTH_PASS;
+    if (!show_reason) f.reason.clear();
+    auto render = [&] {
+        return printf_string(
+            "%04d-%02d-%02d %02d:%02d:%02d %s[%d]: %s%s%s%s: ip=[%s:%s:%s],port=<%s>,tls=<%s>,"
+            "auth=<%s>\r\n",
+            when.tm_year + 1900, when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min,
+            when.tm_sec, f.program.c_str(), pid, kAuthTypeNames[type], show_reason ? "[" : "",
+            f.reason.c_str(), show_reason ? "]" : "", f.ip.c_str(), f.host.c_str(),
+            f.country.c_str(), f.port.c_str(), tls ? "yes" : "no", f.user.c_str());
+    };
+    return fitted_line(render,
+                       {&f.program, &f.reason, &f.ip, &f.host, &f.country, &f.port, &f.user});
+}
+
+// Appends line to the file at path under the whole-file lock. False when the file cannot be
+// opened (ow_open_ex has said why); a failed seek or write is reported by ow_seek/ow_fprintf.
+bool append_line(const char* path, const std::string& line) {
+    const int fd = ow_open_ex(path, true, O_RDWR | O_CREAT, 0);
+    if (fd == -1) return false;
+    if (ow_seek(fd, 0, SEEK_END)) ow_fprintf(fd, "%s", line.c_str());
+    ow_close(fd);
+    return true;
+}
+
+void count_in(const char* dir, uint8_t type, bool authenticated) {
+    ardvex_increment_counter(dir, type, authenticated);
+    ardvex_increment_counter_hourly(dir, type, authenticated);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
 // Public API
 
 extern "C" {
+
+// Set by the hosting program (see the header); read by every log line.
+const char* log_program_name = nullptr;
+
+void log_message(spam_session* session, const char* reason, uint8_t type) {
+    if (session == nullptr || type >= kMessageTypeCount) return;
+    try {
+        const int pid = static_cast<int>(getpid());
+        const std::time_t now = ow::clock_now();
+        struct tm when {};
+        if (localtime_r(&now, &when) == nullptr) return;
+
+        message_fields f{field(log_program_name),
+                         field(reason, "NULL"),
+                         session->authenticated ? field(session->auth_user) : "(null)",
+                         field(session->ip),
+                         host_name(*session, true),
+                         field(session->country),
+                         field(session->port, "(unknown)"),
+                         field(session->helo),
+                         field(session->mail_from),
+                         field(session->rcpt_to)};
+        const std::string line = message_line(when, pid, type, session->authenticated, session->tls,
+                                              f, type != ARDVEX_LOG_HAM && type != ARDVEX_LOG_NDR);
+        const uint8_t counted = type == ARDVEX_LOG_QUARANTINE ? ARDVEX_LOG_SPAM : type;
+
+        ow::unique_cstr shared(__build_path(ARDVEX_LOG_DIR, "axlog"));
+        if (!shared) {
+            OW_ENOMEM();
+            return;
+        }
+        if (!append_line(shared.get(), line)) return;
+        count_in(ARDVEX_LOG_DIR, counted, session->authenticated);
+
+        for (const ow_list* entry = session->user_log_dirs; entry != nullptr; entry = entry->next) {
+            if (entry->data == nullptr || entry->size == 0) continue;
+            // Entries are strings, with or without their NUL counted in size.
+            const auto* text = static_cast<const char*>(entry->data);
+            const std::string dir(text, strnlen(text, entry->size));
+            if (dir.empty()) continue;
+            ow::unique_cstr path(__build_path(dir.c_str(), "axlog"));
+            if (!path) {
+                OW_ENOMEM();
+                return;
+            }
+            OW_DEBUG("attempting to log to user directory: %s", path.get());
+            if (!append_line(path.get(), line)) {
+                OW_ERROR("failed to open or create user log...");
+                return;
+            }
+            count_in(dir.c_str(), counted, session->authenticated);
+        }
+    } catch (...) {
+        OW_ENOMEM();
+    }
+}
+
+void log_auth_message(spam_session* session, int type, const char* reason) {
+    if (session == nullptr || type < ARDVEX_AUTH_PASS || type > ARDVEX_AUTH_EXEMPT ||
+        (type != ARDVEX_AUTH_PASS && missing(reason))) {
+        OW_EINVAL();
+        return;
+    }
+    try {
+        const int pid = static_cast<int>(getpid());
+        const std::time_t now = ow::clock_now();
+        struct tm when {};
+        if (now == static_cast<std::time_t>(-1) || localtime_r(&now, &when) == nullptr) return;
+        auth_fields f{field(log_program_name),  field(reason, ""),
+                      field(session->ip),       host_name(*session, false),
+                      field(session->country),  field(session->port, "(unknown)"),
+                      field(session->auth_user)};
+        const std::string line = auth_line(when, pid, type, session->tls, f);
+        ow::unique_cstr path(__build_path(ARDVEX_LOG_DIR, "axauthlog"));
+        if (path) append_line(path.get(), line);
+    } catch (...) {
+        OW_ENOMEM();
+    }
+}
 
 void ardvex_increment_counter(const char* log_dir, uint8_t type, bool authenticated) {
     if (missing(log_dir) || !ow_file_exists_ex(log_dir, OW_FILE_DIRECTORY)) return;

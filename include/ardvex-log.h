@@ -1,7 +1,23 @@
-/* ardvex-log.h: the screening engine's statistics: a daily and an hourly counter file per log
- * directory, counted into once for every message the engine logs.
+/* ardvex-log.h: the screening engine's record of its verdicts: the message log (one text line
+ * per judged message, in the suite's log directory and in per-user directories), the
+ * authentication log, and the daily and hourly counter files of every directory logged to.
  *
- * Conventions:
+ * Message log conventions:
+ *  A. log_message appends one line to <log dir>/axlog and counts it in that directory's
+ *     counter files, then does the same for every non-empty directory in the session's
+ *     user_log_dirs, in list order. log_auth_message appends to <log dir>/axauthlog and counts
+ *     nothing. The log dir is /var/log/ardvex/ unless the build chose another. Files are
+ *     created with mode 0666 before the umask; every append happens under the whole-file lock,
+ *     so lines of concurrent processes never interleave.
+ *  B. Lines end in CR LF. Session strings are written as they are except that control bytes
+ *     (below 0x20, and 0x7f) become '?', so no field can end a line or forge another; bytes
+ *     from 0x80 up (UTF-8) are kept. A NULL string is written as "(null)". When a line would
+ *     exceed the 1022 characters a log write may hold, the longest fields are cut (the cut
+ *     marked "...") until it fits, so every verdict leaves a line.
+ *  C. Nothing is returned. A shared log that cannot be opened ends the call silently; a user
+ *     log that cannot be opened ends the per-user loop with an ERROR line.
+ *
+ * Counter file conventions:
  *  1. Counter files are fixed-size binary files that other programs of the suite read, so their
  *     layout below is an interface. Every number in them is an unsigned 32-bit integer in the
  *     machine's byte order; a fresh file is all zero bytes except its version byte (2).
@@ -30,10 +46,39 @@
 #include <stdint.h>
 
 #include "ow_export.h"
+#include "owspamrule.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* Message log types (log_message) and what they are counted as. */
+#define ARDVEX_LOG_HAM 0        /* "HAM", counted as ham */
+#define ARDVEX_LOG_SPAM 1       /* "SPAM[reason]", counted as spam */
+#define ARDVEX_LOG_EXEMPT 2     /* "EXEMPT[reason]", counted as exempt */
+#define ARDVEX_LOG_RATELIMIT1 3 /* "RATELIMIT[reason]", first kind */
+#define ARDVEX_LOG_RATELIMIT2 4 /* "RATELIMIT[reason]", second kind */
+#define ARDVEX_LOG_NDR 5        /* "NDR", counted as ham */
+#define ARDVEX_LOG_QUARANTINE 6 /* "QUARANTINE[reason]", counted as spam */
+/* Authentication log types (log_auth_message). */
+#define ARDVEX_AUTH_PASS 1   /* "PASS", no reason */
+#define ARDVEX_AUTH_BLOCK 2  /* "BLOCK[reason]" */
+#define ARDVEX_AUTH_EXEMPT 3 /* "EXEMPT[reason]" */
+
+/* The hosting program's name, written before the process id in every log line ("(null)" while
+ * unset). The host assigns it once, before its first log call, to a string that outlives all
+ * logging (a literal, or its argv[0]); the library never writes or frees it. */
+OW_API extern const char* log_program_name;
+
+/* Logs the verdict on session with type 0..6 (ARDVEX_LOG_*) and reason (may be NULL; shown as
+ * "NULL" for the types that show one) and counts it; see conventions A to C. A NULL session or
+ * a type above 6 is ignored without a line. Its shape is the engine's message-log hook. */
+OW_API void log_message(spam_session* session, const char* reason, uint8_t type);
+
+/* Logs an SMTP authentication outcome of type 1..3 (ARDVEX_AUTH_*). reason is required
+ * (non-empty) for types 2 and 3 and ignored for type 1. A NULL session, another type or a
+ * missing reason is refused with an ERROR line (EINVAL) and nothing is written. */
+OW_API void log_auth_message(spam_session* session, int type, const char* reason);
 
 /* Base name of both counter files inside a log directory. */
 #define ARDVEX_COUNTER_BASE ".counterv2.dat"
