@@ -226,7 +226,7 @@ TEST_F(DnsLiveTest, HostsFileAnswersFirstAndAsWritten) {
 // notices the changed configuration on its own.
 TEST_F(DnsLiveTest, UnreachableServerIsNamedAsSuch) {
     const char* options = "options timeout:1 attempts:1\n";
-    std::ofstream("/etc/resolv.conf", std::ios::trunc) << "nameserver 127.0.0.9\n" << options;
+    std::ofstream("/etc/resolv.conf", std::ios::trunc) << "nameserver 127.0.0.99\n" << options;
     const std::string line = std::string("DNS query failure: No nameservers could be reached: ") +
                              std::strerror(ECONNREFUSED);
     char** names = nullptr;
