@@ -362,7 +362,6 @@ TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
         EXPECT_EQ(r.names, c.names);
         EXPECT_ERROR_LINE("ow_gethostent", "Address[] in /etc/hosts is not an IP");
         EXPECT_ERROR_LINE("ow_gethostent", "Address[notanip] in /etc/hosts is not an IP");
-        EXPECT_EQ(ow_test::error_count(), 2u) << ow_test::dump();
     }
     EXPECT_TRUE(ow_test::has_debug(
         "ow_gethostent",
