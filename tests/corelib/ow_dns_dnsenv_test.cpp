@@ -2,6 +2,7 @@
 // for broken ones, both started by tests/support/dnsenv.sh (see dnsmasq.conf and
 // dns_script.json there for the names used here), with a private /etc/hosts.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -220,6 +221,19 @@ TEST_F(DnsLiveTest, HostsFileAnswersFirstAndAsWritten) {
     EXPECT_EQ(ow_gethostent("192.0.2.99", &names), 0);
     EXPECT_EQ(names, nullptr);
     EXPECT_EQ(ow_gethostent("192.0.2.10", nullptr), 3);
+}
+
+// A hosts file that cannot be opened fails the scan, and releases its lock: the next scan
+// works.
+TEST_F(DnsLiveTest, MissingHostsFileFailsTheScanOnly) {
+    ASSERT_EQ(mount("dnsenv-empty-etc", "/etc", "tmpfs", 0, nullptr), 0) << std::strerror(errno);
+    char** names = nullptr;
+    EXPECT_EQ(ow_gethostent("127.0.0.1", &names), -1);
+    EXPECT_EQ(names, nullptr);
+    EXPECT_ERROR_LINE("ow_gethostent", "Failed to open /etc/hosts");
+    ASSERT_EQ(umount("/etc"), 0) << std::strerror(errno);
+    EXPECT_EQ(ow_gethostent("127.0.0.1", &names), 1);
+    EXPECT_EQ(take_names(names), strings{"localhost"});
 }
 
 // With nobody listening where the configuration points, both queries say so; the resolver
