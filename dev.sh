@@ -10,7 +10,8 @@ cd "$(dirname "$0")"
 
 PACKAGES=(build-essential cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
           libbenchmark-dev libpcre3-dev libglib2.0-dev clang libclang-rt-14-dev curl openssl
-          python3 iproute2 util-linux procps clang-format systemd)
+          python3 iproute2 util-linux procps clang-format systemd tzdata dnsmasq-base
+          python3-dnslib)
 
 deps() {
     local missing=()

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -66,6 +67,16 @@ void fail_allocation(long n, bool sticky = false) noexcept;
 long allocation_count() noexcept;
 // Forgets the one-time VERBOSEDEBUG decision so a test can decide it again.
 void reset_debug_decision() noexcept;
+}  // namespace testing
+
+// ---------------------------------------------------------------------------------------
+// Clock. Whatever files or stamps by date asks here, so that tests pin the time instead of
+// waiting for it. The real clock unless a test pinned it.
+std::time_t clock_now() noexcept;
+namespace testing {
+// Pins clock_now() to t (forked children inherit it); 0 returns to the real clock. Test
+// configuration only, like the seams above.
+void set_clock(std::time_t t) noexcept;
 }  // namespace testing
 
 // ---------------------------------------------------------------------------------------

@@ -1,0 +1,381 @@
+// Tests of the DNS module that need no name server: the address conversions and reverse
+// names, the refusals of every entry point, and the walks over received bytes (hosts-file
+// lines, answers) where a name server cannot reach them: the response codes glibc keeps
+// back, allocation failures, and the hosts-file lines without root. The lookups and the
+// walks over real answers are tested against real servers in ow_dns_dnsenv_test.cpp.
+#include "ow_dns.h"
+
+#include <arpa/inet.h>
+#include <arpa/nameser.h>
+#include <gtest/gtest.h>
+#include <resolv.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "ow_dns_internal.hpp"
+#include "ow_internal.hpp"
+
+namespace {
+
+using strings = std::vector<std::string>;
+using bytes = std::vector<unsigned char>;
+
+// Takes over a name array: its names, and frees it.
+strings take_names(char** names) {
+    strings out;
+    for (std::size_t i = 0; names != nullptr && names[i] != nullptr; ++i) {
+        out.emplace_back(names[i]);
+        std::free(names[i]);
+    }
+    std::free(names);
+    return out;
+}
+
+// A received answer to the query for qname and qtype, with the response code rcode and,
+// when ptr is given, one PTR record naming it.
+bytes answer(const std::string& qname, int qtype, int rcode, const char* ptr = nullptr) {
+    bytes msg(512);
+    const int n = res_mkquery(ns_o_query, qname.c_str(), ns_c_in, qtype, nullptr, 0, nullptr,
+                              msg.data(), static_cast<int>(msg.size()));
+    msg.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    if (msg.size() < 12) return msg;
+    msg[2] |= 0x80;  // a response
+    msg[3] = static_cast<unsigned char>(0x80 | rcode);
+    if (ptr != nullptr) {
+        unsigned char name[256];
+        const int length = dn_comp(ptr, name, sizeof name, nullptr, nullptr);
+        msg[7] = 1;
+        // Owner: a pointer to the question's name; type PTR, class IN, TTL 60.
+        const bytes head{0xc0, 0x0c, 0, 12, 0, 1,
+                         0,    0,    0, 60, 0, static_cast<unsigned char>(length)};
+        msg.insert(msg.end(), head.begin(), head.end());
+        msg.insert(msg.end(), name, name + length);
+    }
+    return msg;
+}
+
+const std::string reverse = "4.3.2.1.in-addr.arpa.";
+
+class DnsTest : public ow_test::LogCaptureTest {};
+
+// --- conversions ------------------------------------------------------------------------
+
+TEST_F(DnsTest, InetAddrAcceptsEveryInetAtonFormButAllOnes) {
+    const struct {
+        const char* text;
+        uint32_t host_order;  // 0: refused
+        const char* error;    // ERROR line, or nullptr for none
+        bool not_converted;   // a DEBUG line with the EINVAL text
+    } cases[] = {
+        {"192.0.2.10", 0xc000020a, nullptr, false},
+        {"127.1", 0x7f000001, nullptr, false},
+        {"0x7f.0.0.1", 0x7f000001, nullptr, false},
+        {"010.1", 0x08000001, nullptr, false},
+        {"0.0.0.0", 0, nullptr, false},
+        {"255.255.255.255", 0, "Invalid argument", false},
+        {"256.1.1.1", 0, nullptr, true},
+        {"example.test", 0, nullptr, true},
+        {"", 0, "Invalid argument", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        clear_log();
+        EXPECT_EQ(ow_inet_addr(c.text), htonl(c.host_order));
+        if (c.error != nullptr) {
+            EXPECT_ERROR_LINE("ow_inet_addr", c.error);
+        } else {
+            EXPECT_NO_ERRORS();
+        }
+        EXPECT_EQ(ow_test::has_debug("ow_inet_addr", std::strerror(EINVAL)), c.not_converted);
+    }
+    clear_log();
+    ow_test::refused("ow_inet_addr", std::strerror(EINVAL), {ow_inet_addr(nullptr) == 0});
+}
+
+TEST_F(DnsTest, CompressIpv6GivesTheCanonicalTextEvenInPlace) {
+    const struct {
+        const char* text;
+        const char* canonical;
+    } cases[] = {
+        {"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
+        {"0:0:0:0:0:0:0:1", "::1"},
+        {"::", "::"},
+        {"1:0:0:2:0:0:0:3", "1:0:0:2::3"},
+        {"1::2:3:4:5:6:7", "1:0:2:3:4:5:6:7"},  // longer than its input
+        {"::FFFF:c000:0201", "::ffff:192.0.2.1"},
+        {"fe80:0000:0000:0000:0204:61ff:fe9d:f156", "fe80::204:61ff:fe9d:f156"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        char out[OW_DNS_ADDRSTRLEN] = {};
+        ASSERT_EQ(ow_compress_ipv6(c.text, out), 1);
+        EXPECT_STREQ(out, c.canonical);
+        char same[OW_DNS_ADDRSTRLEN];
+        std::snprintf(same, sizeof same, "%s", c.text);
+        ASSERT_EQ(ow_compress_ipv6(same, same), 1);
+        EXPECT_STREQ(same, c.canonical);
+    }
+    EXPECT_NO_ERRORS();
+    char out[OW_DNS_ADDRSTRLEN] = "unchanged";
+    ow_test::refused("ow_compress_ipv6", std::strerror(EINVAL),
+                     {ow_compress_ipv6("192.0.2.1", out) == 0,
+                      ow_compress_ipv6("1::2::3", out) == 0, ow_compress_ipv6("", out) == 0,
+                      ow_compress_ipv6(nullptr, out) == 0, ow_compress_ipv6("::1", nullptr) == 0});
+    EXPECT_STREQ(out, "unchanged");
+}
+
+TEST_F(DnsTest, InetPtonAndNtopTakeOnlyTheTwoFamilies) {
+    unsigned char binary[16] = {};
+    char text[OW_DNS_ADDRSTRLEN] = {};
+    EXPECT_EQ(ow_inet_pton(AF_INET, "192.0.2.1", binary), 1);
+    EXPECT_EQ(ow_inet_ntop(AF_INET, binary, text), text);
+    EXPECT_STREQ(text, "192.0.2.1");
+    EXPECT_EQ(ow_inet_pton(AF_INET6, "192.0.2.1", binary), 0);
+    EXPECT_EQ(ow_inet_pton(AF_INET, "127.1", binary), 0);  // only the strict form
+    EXPECT_NO_ERRORS();
+    ow_test::refused(
+        "ow_inet_pton", std::strerror(EINVAL),
+        {ow_inet_pton(AF_UNIX, "192.0.2.1", binary) == 0,
+         ow_inet_pton(AF_INET, nullptr, binary) == 0, ow_inet_pton(AF_INET6, "::1", nullptr) == 0});
+    ow_test::refused("ow_inet_ntop", std::strerror(EINVAL),
+                     {ow_inet_ntop(AF_UNIX, binary, text) == nullptr,
+                      ow_inet_ntop(AF_INET, nullptr, text) == nullptr,
+                      ow_inet_ntop(AF_INET6, binary, nullptr) == nullptr});
+}
+
+TEST_F(DnsTest, ArpaBuildsReverseNamesAndReplacesTheOldText) {
+    const struct {
+        const char* ip;
+        const char* name;
+    } cases[] = {
+        {"192.0.2.10", "10.2.0.192.in-addr.arpa."},
+        {"255.255.255.255", "255.255.255.255.in-addr.arpa."},
+        {"0.0.0.0", "0.0.0.0.in-addr.arpa."},
+        {"2001:db8::1",
+         "1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2.ip6.arpa."},
+        {"FFFF::ABCD", "d.c.b.a.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.f.f.f.f.ip6.arpa."},
+    };
+    char* name = ow::dup_cstr("previous text, freed on success");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.ip);
+        ASSERT_EQ(ow_arpa(&name, c.ip), 1);
+        EXPECT_STREQ(name, c.name);
+    }
+    EXPECT_NO_ERRORS();
+    char* const kept = name;
+    ow_test::refused("ow_arpa", "Address is not an IP",
+                     {ow_arpa(&name, "host.test") == 0, ow_arpa(&name, "") == 0,
+                      ow_arpa(&name, "192.0.2") == 0});
+    ow_test::refused("ow_arpa", std::strerror(EINVAL),
+                     {ow_arpa(nullptr, "192.0.2.1") == 0, ow_arpa(&name, nullptr) == 0});
+    for (const char* ip : {"192.0.2.1", "2001:db8::1"}) {
+        ow::testing::fail_allocation(1);
+        EXPECT_EQ(ow_arpa(&name, ip), 0);
+        EXPECT_ERROR_LINE("ow_arpa", std::strerror(ENOMEM));
+    }
+    EXPECT_EQ(name, kept);
+    std::free(name);
+}
+
+// --- refusals of the lookups --------------------------------------------------------------
+
+TEST_F(DnsTest, LookupsRefuseMissingArgumentsBeforeAsking) {
+    const std::string einval = std::strerror(EINVAL);
+    ow_test::refused("ow_resolv_A", einval,
+                     {ow_resolv_A(nullptr, 0) == -2, ow_resolv_A("", 0) == -2});
+    ow_test::refused("ow_resolv_MX", einval,
+                     {ow_resolv_MX(nullptr, 0) == -2, ow_resolv_MX("", 0) == -2});
+    ow_test::refused("ow_has_a_or_mx", einval,
+                     {ow_has_a_or_mx(nullptr, 0) == -2, ow_has_a_or_mx("", 0) == -2});
+    char** names = nullptr;
+    ow_test::refused("ow_lookup_reverse_dns", einval,
+                     {ow_lookup_reverse_dns(&names, nullptr, 0, 0) == -2,
+                      ow_lookup_reverse_dns(&names, "", 0, 1) == -2,
+                      ow_lookup_reverse_dns(&names, "192.0.2.1", 0, 2) == -2,
+                      ow_lookup_reverse_dns(&names, "192.0.2.1", 0, -1) == -2});
+    ow_test::refused("ow_gethostent", einval,
+                     {ow_gethostent(nullptr, &names) == -1, ow_gethostent("", &names) == -1});
+    ow_test::refused("ow_gethostent", "Address[host.test] is not an IP",
+                     {ow_gethostent("host.test", &names) == -1});
+    EXPECT_EQ(names, nullptr);
+}
+
+TEST_F(DnsTest, HasAOrMxRefusesInvalidDomainsWithoutAQuery) {
+    for (const char* domain :
+         {"localhost", "a.b.", ".a.b", "a..b", "a_b.test", "192.0.2.1", "ab", "a b.test"}) {
+        SCOPED_TRACE(domain);
+        clear_log();
+        EXPECT_EQ(ow_has_a_or_mx(domain, 0), -1);
+        EXPECT_TRUE(ow_test::has_debug("ow_has_a_or_mx",
+                                       "domain [" + std::string(domain) + "] flagged as invalid."))
+            << ow_test::dump();
+        EXPECT_NO_ERRORS();
+    }
+    ow::testing::fail_allocation(1);
+    EXPECT_EQ(ow_has_a_or_mx("mail.example.test", 0), 2);
+    EXPECT_ERROR_LINE("ow_has_a_or_mx", "out of memory error resolving A/MX for mail.example.test");
+}
+
+// --- the answer walks ---------------------------------------------------------------------
+
+// Every response code but NOERROR decides before any record is read, the same for both.
+TEST_F(DnsTest, ResponseCodesDecideBothWalks) {
+    const struct {
+        int rcode;
+        int32_t verdict;
+        const char* error;
+    } cases[] = {
+        {1, 2, "DNS query response failure: Name server thinks the query format is invalid"},
+        {2, 2, "DNS query response failure: Name server replied with SERVFAIL"},
+        {3, 1, nullptr},
+        {4, 2, "DNS query response failure: Name server thinks the function is not implemented"},
+        {5, 2, "DNS query response failure: Name server refused connections from this host"},
+        {6, 2, "Unknown response from NS server"},
+        {15, 2, "Unknown response from NS server"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.rcode);
+        clear_log();
+        // A record in the answer must not change the verdict.
+        const bytes mx = answer("example.test", ns_t_mx, c.rcode, "mx.example.test");
+        EXPECT_EQ(ow::dns::mx_answer(mx.data(), static_cast<int>(mx.size()), "example.test"),
+                  c.verdict);
+        const bytes ptr = answer(reverse, ns_t_ptr, c.rcode, "host.example.test");
+        char** names = nullptr;
+        EXPECT_EQ(ow::dns::ptr_answer(ptr.data(), static_cast<int>(ptr.size()), reverse.c_str(), 0,
+                                      &names),
+                  c.verdict);
+        EXPECT_EQ(names, nullptr);
+        if (c.error != nullptr) {
+            EXPECT_ERROR_LINE("ow_resolv_MX", c.error);
+            EXPECT_ERROR_LINE("ow_lookup_reverse_dns", c.error);
+            EXPECT_EQ(ow_test::error_count(), 2u);
+        } else {
+            EXPECT_NO_ERRORS();
+            EXPECT_TRUE(ow_test::has_debug("ow_resolv_MX", "NXDomain response for example.test"));
+            EXPECT_TRUE(
+                ow_test::has_debug("ow_lookup_reverse_dns", "NXDomain response for " + reverse));
+        }
+    }
+}
+
+// A record that does not parse is passed over, and an MX record after it still counts.
+TEST_F(DnsTest, MxWalkPassesOverARecordItCannotRead) {
+    bytes msg = answer("example.test", ns_t_mx, 0, "mx.example.test");
+    const std::size_t at = answer("example.test", ns_t_mx, 0).size();
+    const std::size_t record = msg.size() - at;
+    msg.insert(msg.end(), msg.begin() + static_cast<long>(at), msg.end());
+    msg[7] = 2;
+    msg[at] = 0xc0;  // the first owner name points at itself
+    msg[at + 1] = static_cast<unsigned char>(at);
+    msg[at + record + 3] = ns_t_mx;
+    EXPECT_EQ(ow::dns::mx_answer(msg.data(), static_cast<int>(msg.size()), "example.test"), 0);
+    EXPECT_ERROR_LINE("ow_resolv_MX",
+                      std::string("failed to parse RR: ") + std::strerror(EMSGSIZE));
+}
+
+TEST_F(DnsTest, PtrWalkReplacesTheCallersArrayOnlyOnSuccess) {
+    const bytes one = answer(reverse, ns_t_ptr, 0, "One.Example.TEST");
+    const int size = static_cast<int>(one.size());
+    char** names = nullptr;
+    ASSERT_EQ(ow::dns::ptr_answer(one.data(), size, reverse.c_str(), 0, &names), 0);
+    // The array held before is freed (the leak checker sees to it) and replaced.
+    ASSERT_EQ(ow::dns::ptr_answer(one.data(), size, reverse.c_str(), 1, &names), 0);
+    char** const second = names;
+    const bytes nx = answer(reverse, ns_t_ptr, 3);
+    EXPECT_EQ(
+        ow::dns::ptr_answer(nx.data(), static_cast<int>(nx.size()), reverse.c_str(), 0, &names), 1);
+    EXPECT_EQ(names, second);
+    // Both allocations of a found answer (the array, the copy of the name) may fail.
+    for (long n : {1L, 2L}) {
+        SCOPED_TRACE(n);
+        clear_log();
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(ow::dns::ptr_answer(one.data(), size, reverse.c_str(), 0, &names), 2);
+        EXPECT_ERROR_LINE("ow_lookup_reverse_dns", std::strerror(ENOMEM));
+        EXPECT_EQ(names, second);
+    }
+    EXPECT_EQ(take_names(names), strings{"one.example.test"});
+}
+
+// --- the hosts-file scan ------------------------------------------------------------------
+
+struct scan_result {
+    int32_t count;
+    strings names;
+};
+
+scan_result scan(const std::string& text, const char* query, int family) {
+    std::string buffer = text;
+    std::FILE* file = fmemopen(buffer.data(), buffer.size(), "r");
+    EXPECT_NE(file, nullptr);
+    char** names = reinterpret_cast<char**>(1);
+    const int32_t count = ow::dns::scan_hosts(file, query, family, &names);
+    std::fclose(file);
+    if (count < 0) return {count, {}};
+    EXPECT_EQ(count == 0, names == nullptr);
+    return {count, take_names(names)};
+}
+
+TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
+    // A line that fills the 1024-byte buffer exactly, and one a byte too long whose
+    // remainder looks like an entry of its own.
+    const std::string fits = "127.0.0.1 " + std::string(1012, 'f') + "\n";
+    const std::string too_long = "127.0.0.1 " + std::string(1013, 'x') + "127.0.0.1 smuggled\n";
+    ASSERT_EQ(fits.size(), 1023u);
+    const std::string hosts =
+        "# 127.0.0.1 commented\n"
+        "\n"
+        "127.0.0.1\tlocalhost loghost # comment\n"
+        "127.0.0.1 crlf\r\n"
+        "::1 ip6-localhost\n"
+        "0:0:0:0:0:0:0:1\tip6-long\t \tIP6-Tab  \n"
+        " 127.0.0.1 leading-blank\n"
+        "notanip name\n"
+        "127.0.0.1\n" +
+        too_long + fits +
+        "2001:DB8:0:0::A Upper\n"
+        "127.0.0.10 prefix-only\n"
+        "127.0.0.1 last-line-without-newline";
+
+    const struct {
+        const char* query;
+        int family;
+        strings names;
+    } cases[] = {
+        {"127.0.0.1", AF_INET, {"localhost", "loghost", "crlf\r", std::string(1012, 'f')}},
+        {"::1", AF_INET6, {"ip6-localhost", "ip6-long", "IP6-Tab"}},
+        {"2001:db8::a", AF_INET6, {"Upper"}},
+        {"192.0.2.99", AF_INET, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.query);
+        clear_log();
+        const scan_result r = scan(hosts, c.query, c.family);
+        EXPECT_EQ(r.count, static_cast<int32_t>(c.names.size()));
+        EXPECT_EQ(r.names, c.names);
+        EXPECT_ERROR_LINE("ow_gethostent", "Address[] in /etc/hosts is not an IP");
+        EXPECT_ERROR_LINE("ow_gethostent", "Address[notanip] in /etc/hosts is not an IP");
+    }
+    EXPECT_TRUE(ow_test::has_debug(
+        "ow_gethostent",
+        "protocol mismatch between [192.0.2.99] and [2001:DB8:0:0::A] - skipping"));
+    EXPECT_TRUE(ow_test::has_debug("ow_gethostent", "[192.0.2.99] doesn't match [127.0.0.10]"));
+
+    // Every allocation of a matching scan may fail; nothing leaks and nothing is stored.
+    for (long n = 1; n <= 4; ++n) {
+        SCOPED_TRACE(n);
+        clear_log();
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(scan("::1 a b\n", "::1", AF_INET6).count, -1);
+        EXPECT_ERROR_LINE("ow_gethostent", std::strerror(ENOMEM));
+    }
+}
+
+}  // namespace

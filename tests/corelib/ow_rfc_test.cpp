@@ -1,0 +1,371 @@
+// Tests of address and domain validation: the checks as tables with the reason each refusal
+// logs, a table of tricky addresses that mail software meets judged by every operation,
+// header splitting and extraction, IP classification, and the failure paths.
+#include "ow_rfc.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "ow_internal.hpp"
+
+namespace {
+
+using ow_test::has_debug;
+using ow_test::refused;
+using strings = std::vector<std::string>;
+
+strings take(ow_list* list) {
+    strings out;
+    for (const ow_list* e = list; e != nullptr; e = e->next) {
+        const auto* s = static_cast<const char*>(e->data);
+        out.emplace_back(s);
+        EXPECT_EQ(e->size, out.back().size() + 1) << s;
+    }
+    ow_destroy_list(&list, std::free);
+    return out;
+}
+
+std::optional<std::string> extract(const char* mailbox) {
+    char* s = ow_extract_address_from_mailbox(mailbox);
+    if (s == nullptr) return std::nullopt;
+    std::string out = s;
+    std::free(s);
+    return out;
+}
+
+const std::string long_label(std::size_t n) { return std::string(n, 'a'); }
+
+class RfcTest : public ow_test::LogCaptureTest {};
+
+TEST_F(RfcTest, Domains) {
+    const struct {
+        std::string domain;
+        int valid;
+        std::string reason;  // the DEBUG line of a refusal
+    } cases[] = {
+        {"a.b", 1, ""},
+        {"1and1.com", 1, ""},
+        {"-x-.com", 1, ""},
+        {"xn--bcher-kva.example", 1, ""},
+        {long_label(300) + ".com", 1, ""},  // no length limits
+        {"ab", 0,
+         "domain [ab] does not meet minimum criteria for length, number of dots, first "
+         "character, or last character"},
+        {"abc", 0,
+         "domain [abc] does not meet minimum criteria for length, number of dots, "
+         "first character, or last character"},
+        {".a.b", 0,
+         "domain [.a.b] does not meet minimum criteria for length, number of dots, "
+         "first character, or last character"},
+        {"a.b.", 0,
+         "domain [a.b.] does not meet minimum criteria for length, number of dots, "
+         "first character, or last character"},
+        {"a..b", 0, "domain [a..b] contains consecutive '.' characters"},
+        {"a_b.c", 0, "domain [a_b.c] contains invalid characters"},
+        {"a b.c", 0, "domain [a b.c] contains invalid characters"},
+        {"ex\xc3\xa4mple.com", 0, "domain [ex??mple.com] contains invalid characters"},
+        {"1.2.3.4", 0, "[1.2.3.4] is an IP address"},
+        {"1.2.3.4.5", 1, ""},  // begins with a digit but is no address
+        {"1::2.3", 0, "domain [1::2.3] contains invalid characters"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.domain);
+        EXPECT_EQ(ow_valid_domain(c.domain.c_str()), c.valid);
+        if (!c.reason.empty()) {
+            EXPECT_TRUE(has_debug("ow_valid_domain", c.reason)) << ow_test::dump();
+        }
+        clear_log();
+    }
+    EXPECT_EQ(ow_valid_domain(nullptr), 0);
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(RfcTest, BareAddresses) {
+    const std::string d254 =
+        long_label(63) + "." + long_label(63) + "." + long_label(63) + "." + long_label(60) + ".a";
+    ASSERT_EQ(d254.size(), 254u);
+    const struct {
+        std::string address;
+        int valid;
+        std::string reason;
+    } cases[] = {
+        {"o'neil+x@b.c", 1, ""},
+        {"!#$%&'*+-/=?^_`{|}~@b.c", 1, ""},
+        {"x@" + d254, 1, ""},
+        {"x@" + d254 + "a", 0, "domain portion is greater than RFC specifications permit"},
+        {"x@.." + d254.substr(2), 0, ""},
+        {"abc", 0, "address [abc] missing '@' character"},
+        {"@b.c", 0, "address [@b.c] missing user portion"},
+        {"a@", 0, "invalid domain part for address [a@]"},
+        {"a@b", 0, "invalid domain part for address [a@b]"},
+        {"a@b@c.d", 0, "invalid domain part for address [a@b@c.d]"},
+        {".a@b.c", 0, "address [.a@b.c] violates RFC pattern specifications"},
+        {"a.@b.c", 0, "address [a.@b.c] violates RFC pattern specifications"},
+        {"a..b@c.d", 0, "address [a..b@c.d] violates RFC pattern specifications"},
+        {"a b@c.d", 0, "address [a b@c.d] contains invalid characters"},
+        {"a\"b@c.d", 0, "address [a\"b@c.d] contains invalid characters"},
+        {"a\\b@c.d", 0, "address [a\\b@c.d] contains invalid characters"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.address.substr(0, 40));
+        EXPECT_EQ(ow_valid_email_address(c.address.c_str()), c.valid);
+        if (!c.reason.empty()) {
+            EXPECT_TRUE(has_debug("ow_valid_email_address", c.reason)) << ow_test::dump();
+        }
+        clear_log();
+    }
+    refused("ow_valid_email_address", std::strerror(EINVAL),
+            {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
+}
+
+// Addresses that mail software meets in practice, judged by every operation at once: as a
+// bare address, as an address field, and as a mailbox whose address is extracted.
+TEST_F(RfcTest, TrickyAddresses) {
+    const std::string local64 = long_label(64), local65 = long_label(65);
+    const struct {
+        std::string tricky;
+        int bare;                            // ow_valid_email_address
+        int field;                           // ow_rfc822_email_address
+        bool bracketed;                      // its out-flag
+        std::optional<std::string> mailbox;  // ow_extract_address_from_mailbox
+    } cases[] = {
+        // quoted local parts
+        {"\"john doe\"@example.com", 0, 0, false, "\"john doe\"@example.com"},
+        {"<\"john doe\"@example.com>", 0, 0, false, "\"john doe\"@example.com"},
+        {"\"Doe, John\" <John@Example.com>", 0, 1, true, "john@example.com"},
+        {"\"a\\\"b\" <x@y.z>", 0, 1, true, "x@y.z"},
+        {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
+        {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
+        {"\"unterminated <x@y.z>", 0, 0, false, std::nullopt},
+        // IP literals and addresses as domains
+        {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
+        {"<user@[IPv6:2001:db8::1]>", 0, 0, false, "user@[ipv6:2001:db8::1]"},
+        {"user@192.0.2.1", 0, 0, false, "user@192.0.2.1"},
+        // trailing dots and empty labels
+        {"user@example.com.", 0, 0, false, "user@example.com."},
+        {"user.@example.com", 0, 0, false, "user.@example.com"},
+        {"user@example..com", 0, 0, false, "user@example..com"},
+        // length limits: no limit on the local part
+        {local64 + "@example.com", 1, 1, false, local64 + "@example.com"},
+        {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
+        // UTF-8 bytes are neither printable nor letters
+        {"j\xc3\xb6rg@example.com", 0, 0, false, std::nullopt},
+        {"\"J\xc3\xb6rg\" <j@example.com>", 0, 0, false, std::nullopt},
+        // brackets, bounces and comments
+        {"<>", 0, 1, true, std::nullopt},
+        {"< >", 0, 1, true, ""},
+        {"<user@example.com", 0, 0, false, std::nullopt},
+        {"Joe <joe@x.y> (home)", 0, 1, true, "joe@x.y"},
+        {"joe@x.y (Joe (at home))", 0, 1, false, "joe@x.y"},
+        {"(a(b)c)rest@x.y", 0, 1, false, "rest@x.y"},
+        {"(a\\)b)x@y.z", 0, 1, false, "x@y.z"},
+        {"(abc x@y.z", 0, 0, false, std::nullopt},
+        {"a@b.c <d@e.f>", 0, 0, false, "d@e.f"},
+        {"<a@b.c> <d@e.f>", 0, 0, false, "a@b.c"},
+        {"<a@b.c> \"x\"", 0, 0, false, "a@b.c"},
+        {"mailto:user@example.com", 0, 0, false, "mailto:user@example.com"},
+        {"a;b@c.d", 0, 0, false, "a;b@c.d"},
+        {"User+Tag@Example.COM", 1, 1, false, "user+tag@example.com"},
+        {"  user@example.com ", 0, 1, false, "user@example.com"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.tricky.substr(0, 40));
+        EXPECT_EQ(ow_valid_email_address(c.tricky.c_str()), c.bare);
+        bool bracketed = false;
+        EXPECT_EQ(ow_rfc822_email_address(c.tricky.c_str(), &bracketed), c.field);
+        EXPECT_EQ(bracketed, c.bracketed);
+        EXPECT_EQ(extract(c.tricky.c_str()), c.mailbox);
+    }
+    EXPECT_EQ(ow_rfc822_email_address(nullptr, nullptr), 1);
+    EXPECT_EQ(ow_rfc822_email_address("", nullptr), 1);
+    EXPECT_EQ(ow_rfc822_email_address("<>", nullptr), 1);
+    // Deep nesting costs neither stack nor time: 200,000 open comments.
+    // (Quietly: a DEBUG line per nested comment would dominate the run.)
+    ow_set_log_function(nullptr);
+    const std::string deep = std::string(200000, '(') + "x" + std::string(200000, ')') + "a@b.c";
+    EXPECT_EQ(ow_rfc822_email_address(deep.c_str(), nullptr), 1);
+    EXPECT_EQ(extract(std::string(200000, '(').c_str()), std::nullopt);
+    ow_set_log_function(&ow_test::capture_sink);
+}
+
+TEST_F(RfcTest, FieldRefusalsNameTheirReason) {
+    const struct {
+        const char* field;
+        const char* func;
+        const char* reason;
+    } cases[] = {
+        {"\"Joe\" joe@x.y", "ow_rfc822_email_address", "Quotes require RFC braces"},
+        {"a@b.c <d@e.f>", "ow_rfc822_email_address",
+         "Found unquoted '@' symbol outside of email address"},
+        {"<a@b.c> <d@e.f>", "ow_rfc822_email_address",
+         "RFC address already found once.. we won't accept another"},
+        {"<a@b.c> \"x\" y", "ow_rfc822_email_address", "found quotes after RFC address"},
+        {"a;b@c.d", "ow_rfc822_email_address", "Invalid character ; found in raw address"},
+        {"a\tb@c.d", "ow_rfc822_email_address", "non-printable character found in address"},
+        {"\"ab\"", "__ow_parse_quotes", "found illegal quotation at end of address"},
+        {"\"ab\"", "ow_rfc822_email_address", "invalid quoted phrase"},
+        {"\"a\x01\" <a@b.c>", "__ow_parse_quotes", "Found non printable character"},
+        {"(abc", "ow_rfc822_email_address", "comment parse failed"},
+        {"<a@b", "__ow_parse_rfc_address", "missing closing '>' for rfc address"},
+        {"<a b@c.d>", "ow_rfc822_email_address", "RFC address parse failed"},
+        {"<>", "__ow_parse_rfc_address",
+         "RFC address portion detected as empty. Passing as bounce"},
+        {"< \t>", "__ow_parse_rfc_address",
+         "RFC address portion detected as empty. Passing as bounce (2)"},
+        {" (only a comment) ", "ow_rfc822_email_address",
+         "Empty string after parsing and trimming"},
+        {"x(a(b)c)y", "__ow_parse_comment", "after shift: [y]"},
+        {"", "ow_rfc822_email_address",
+         "argument is empty or NULL, returning true in the event this is a Mailer-Daemon bounce"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        (void)ow_rfc822_email_address(c.field, nullptr);
+        EXPECT_TRUE(has_debug(c.func, c.reason)) << ow_test::dump();
+        clear_log();
+    }
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(RfcTest, SplittingAndParsingHeaders) {
+    const struct {
+        const char* header;
+        strings pieces;     // ow_split_addresses
+        strings addresses;  // ow_parse_addresses_from_header
+    } cases[] = {
+        {"a@b.c, \"x, y\" <D@E.f>, (p,q) g@h.i",
+         {"a@b.c", "\"x, y\" <D@E.f>", "(p,q) g@h.i"},
+         {"a@b.c", "d@e.f", "g@h.i"}},
+        {"a@b.c,", {"a@b.c"}, {"a@b.c"}},
+        {"a@b.c, ", {"a@b.c"}, {"a@b.c"}},
+        {"a@b.c,,d@e.f", {"a@b.c", "", "d@e.f"}, {"a@b.c", "d@e.f"}},
+        {",a@b.c", {"", "a@b.c"}, {"a@b.c"}},
+        {"  x   y  <a@b.c>  ", {"x y <a@b.c>"}, {"a@b.c"}},
+        {"a@b.c, a@b.c", {"a@b.c", "a@b.c"}, {"a@b.c", "a@b.c"}},
+        {"\"q\\\",\" <a@b.c>, d@e.f", {"\"q\\\",\" <a@b.c>", "d@e.f"}, {"a@b.c", "d@e.f"}},
+        {"(\\), x) a@b.c, d@e.f", {"(\\), x) a@b.c", "d@e.f"}, {"a@b.c", "d@e.f"}},
+        {"a\\,b@c.d", {"a\\", "b@c.d"}, {"a\\", "b@c.d"}},              // no escape outside quotes
+        {"x) a@b.c, d@e.f", {"x) a@b.c, d@e.f"}, {"x) a@b.c, d@e.f"}},  // unmatched )
+        {"<>, \"bad, a@b.c", {"<>", "\"bad, a@b.c"}, {}},
+        {"ends with \\", {"ends with \\"}, {"ends with \\"}},
+        {"(x\\", {"(x\\"}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.header);
+        EXPECT_EQ(take(ow_split_addresses(c.header)), c.pieces);
+        EXPECT_EQ(take(ow_parse_addresses_from_header(c.header)), c.addresses);
+    }
+    EXPECT_EQ(ow_split_addresses(""), nullptr);
+    clear_log();
+    EXPECT_EQ(ow_parse_addresses_from_header(" \t "), nullptr);
+    EXPECT_ERROR_LINE("ow_parse_addresses_from_header", "Unable to split address list");
+}
+
+TEST_F(RfcTest, IpClassification) {
+    const struct {
+        const char* text;
+        int family;
+        bool unroutable;
+    } cases[] = {
+        {"0.1.2.3", 2, true},      {"10.0.0.1", 2, true},
+        {"127.0.0.1", 2, true},    {"169.254.1.1", 2, true},
+        {"169.255.1.1", 2, false}, {"172.15.0.1", 2, false},
+        {"172.16.0.1", 2, true},   {"172.31.255.255", 2, true},
+        {"172.32.0.1", 2, false},  {"192.168.0.1", 2, true},
+        {"192.169.0.1", 2, false}, {"224.0.0.1", 2, false},
+        {"100.64.0.1", 2, false},  {"192.0.2.1", 2, false},
+        {"240.0.0.1", 2, true},    {"255.255.255.255", 2, true},
+        {"fd00::1", 10, true},     {"fc00::", 10, true},
+        {"fe00::1", 10, false},    {"fe80::1", 10, true},
+        {"febf::1", 10, true},     {"fec0::1", 10, false},
+        {"::", 10, true},          {"::1", 10, true},
+        {"::2", 10, false},        {"::ffff:1.2.3.4", 10, true},
+        {"::1.2.3.4", 10, false},  {"2002:c000:201::", 10, false},
+        {"ff02::1", 10, false},    {"2001:db8::1", 10, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(ow_is_ip(c.text), c.family);
+        EXPECT_EQ(ow_is_ipv6(c.text), c.family == 10);
+        EXPECT_EQ(ow_is_unroutable_ip(c.text), c.unroutable);
+        if (!c.unroutable) {
+            EXPECT_TRUE(has_debug("ow_is_unroutable_ip", std::string("Address [") + c.text +
+                                                             "] is not a private or reserved "
+                                                             "address"));
+        }
+    }
+    EXPECT_TRUE(has_debug("ow_is_ip", "[::1] is an IPv6 address"));
+    for (const char* no : {"1.2.3", "01.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "::1%lo", "example.com"}) {
+        SCOPED_TRACE(no);
+        EXPECT_EQ(ow_is_ip(no), 0);
+        EXPECT_TRUE(has_debug("ow_is_ip", std::string("[") + no + "] is not an ip address"));
+        EXPECT_FALSE(ow_is_unroutable_ip(no));
+        refused("ow_is_unroutable_ip",
+                std::string("Address [") + no + "] is not a valid ipv4 or ipv6 address", {true});
+    }
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(RfcTest, RefusedArguments) {
+    const std::string inval = std::strerror(EINVAL);
+    refused("ow_extract_address_from_mailbox", inval, {!extract(nullptr), !extract("")});
+    refused("ow_parse_addresses_from_header", inval,
+            {!ow_parse_addresses_from_header(nullptr), !ow_parse_addresses_from_header("")});
+    refused("ow_split_addresses", inval, {!ow_split_addresses(nullptr)});
+    refused("ow_is_ip", inval, {!ow_is_ip(nullptr), !ow_is_ip("")});
+    refused("ow_is_ipv6", inval, {!ow_is_ipv6(nullptr), !ow_is_ipv6("")});
+    refused("ow_is_unroutable_ip", inval,
+            {!ow_is_unroutable_ip(nullptr), !ow_is_unroutable_ip("")});
+    EXPECT_EQ(extract(" (gone) "), std::nullopt);
+    refused("ow_extract_address_from_mailbox", "zero length address", {true});
+}
+
+TEST_F(RfcTest, AllocationFailures) {
+    const std::string enomem = std::strerror(ENOMEM);
+    // The field check accepts when it cannot run, whether the copy of the field or the copy
+    // of the bracketed address fails.
+    ow::testing::fail_allocation(1);
+    EXPECT_EQ(ow_rfc822_email_address("bad address", nullptr), 1);
+    refused("ow_rfc822_email_address", enomem, {true});
+    ow::testing::fail_allocation(2);
+    bool bracketed = false;
+    EXPECT_EQ(ow_rfc822_email_address("<bad address>", &bracketed), 1);
+    EXPECT_TRUE(bracketed);
+    refused("__ow_parse_rfc_address", enomem, {true});
+
+    ow::testing::fail_allocation(1);
+    EXPECT_EQ(extract("a@b.c"), std::nullopt);
+    refused("ow_extract_address_from_mailbox", enomem, {true});
+    ow::testing::fail_allocation(2);
+    EXPECT_EQ(extract("<a@b.c>"), std::nullopt);
+    refused("ow_extract_address_from_mailbox", enomem, {true});
+
+    // Every allocation of a split and a parse fails in turn: nothing leaks, each reports.
+    for (const char* header : {"a@b.c, \"x\" <d@e.f>", "x@y.z,  p@q.r  "}) {
+        for (auto* fn : {&ow_split_addresses, &ow_parse_addresses_from_header}) {
+            const long before = ow::testing::allocation_count();
+            ow_list* ok = fn(header);
+            const long needed = ow::testing::allocation_count() - before;
+            ASSERT_NE(ok, nullptr);
+            ow_destroy_list(&ok, std::free);
+            for (long n = 1; n <= needed; ++n) {
+                SCOPED_TRACE(std::string(header) + " allocation " + std::to_string(n));
+                clear_log();
+                ow::testing::fail_allocation(n);
+                ow_list* result = fn(header);
+                ow::testing::fail_allocation(0);
+                // A failed allocation the result could do without (a trim) still reports.
+                EXPECT_GE(ow_test::error_count(), 1u) << ow_test::dump();
+                ow_destroy_list(&result, std::free);
+            }
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,215 @@
+// Tests of the rule table and the rejection notices: the table's order, flags and texts as
+// the mail server reads them, macro expansion and its fallbacks, overrides, and refusals.
+#include "owspamrule.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ardvex_config.h"
+#include "log_capture.hpp"
+#include "ow_internal.hpp"
+
+// Sessions are written with designated initializers naming only what a case sets.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+namespace {
+
+using ow_test::refused;
+
+const std::string banner = ". Protection provided by Ardvex 2.1-12.2 " ARDVEX_PRODUCT_URL;
+
+std::string advised(const std::string& text, const std::string& path) {
+    return text + " See " ARDVEX_ADVISORY_URL + path + " for more information.";
+}
+
+class SpamRuleTest : public ow_test::LogCaptureTest {
+   protected:
+    void TearDown() override {
+        ow_destroy_list(&rules_, free_rule);
+        free_rule(rule_);
+        LogCaptureTest::TearDown();
+    }
+    // The notice for rule_ with session_, as a string ("(null)" when refused).
+    std::string notice(spam_notice_override_fn override = nullptr) {
+        char* text = build_rejection_notice(rule_, &session_, override);
+        std::string out = text != nullptr ? text : "(null)";
+        std::free(text);
+        return out;
+    }
+    ow_list* rules_ = nullptr;
+    spam_rule* rule_ = nullptr;
+    spam_session session_{};
+};
+
+const spam_rule* find(ow_list* rules, const char* name) {
+    ow_list* e = ow_list_search(rules, name, std::strlen(name) + 1, rule_name_compare);
+    return e != nullptr ? static_cast<const spam_rule*>(e->data) : nullptr;
+}
+
+TEST_F(SpamRuleTest, TableOrderFlagsAndNotices) {
+    rules_ = build_rule_list();
+    ASSERT_EQ(ow_list_count(rules_), static_cast<uint32_t>(SPAM_RULE_COUNT));
+    const std::vector<std::string> order = {"inbound",
+                                            "outbound",
+                                            "to_whitelist",
+                                            "from_whitelist",
+                                            "ip_whitelist",
+                                            "block_lists",
+                                            "block_rbl_lists",
+                                            "block_all_mail",
+                                            "block_ip_in_addr",
+                                            "require_helo",
+                                            "valid_helo_domain",
+                                            "block_mail_from_self",
+                                            "require_full_addr",
+                                            "mail_from_strict_addr_parse",
+                                            "rfc_mail_from",
+                                            "valid_ptr",
+                                            "check_ip_reverse_dns",
+                                            "check_dynamic_reverse_dns_default",
+                                            "check_dynamic_reverse_dns",
+                                            "check_reverse_dns_list",
+                                            "check_confirmed_dyna",
+                                            "ip_blacklist",
+                                            "from_blacklist",
+                                            "helo_blacklist",
+                                            "country_blacklist",
+                                            "helo_whitelist",
+                                            "resolve_helo_domain",
+                                            "valid_from_domain",
+                                            "known_sender_forgery",
+                                            "local_require_auth",
+                                            "block_nonauth_ipv6"};
+    // The flags as four-digit strings per row, in table order.
+    const std::vector<std::string> flags = {
+        "1100", "1111", "1111", "1011", "1111", "0100", "0100", "1001", "1111", "1111", "0001",
+        "1001", "1101", "1101", "1001", "0000", "0100", "0100", "0100", "0100", "0100", "1101",
+        "1001", "1101", "0100", "1101", "0001", "1001", "1000", "0001", "0001"};
+    std::size_t i = 0;
+    for (const ow_list* e = rules_; e != nullptr; e = e->next, ++i) {
+        const auto* r = static_cast<const spam_rule*>(e->data);
+        SCOPED_TRACE(r->name);
+        EXPECT_EQ(r->name, order[i]);
+        std::string f;
+        for (bool b : {r->user_configurable, r->enabled_by_default, r->applies_to_authenticated,
+                       r->applies_to_ipv6})
+            f += b ? '1' : '0';
+        EXPECT_EQ(f, flags[i]);
+        EXPECT_NE(r->notice[0], '\0');
+    }
+    // Spot checks of the texts: a plain notice, an advised one, a shared one.
+    EXPECT_STREQ(find(rules_, "inbound")->notice,
+                 "Server %IP% has sent too much mail. Try again later.");
+    EXPECT_EQ(find(rules_, "local_require_auth")->notice,
+              std::string("Please check your email settings for SMTP Authentication or contact "
+                          "your email service provider for assistance."));
+    EXPECT_EQ(find(rules_, "valid_ptr")->notice,
+              advised("Server %IP% has an invalid PTR record.",
+                      "/best-practices/reverse-dns-naming-conventions-valid-ptr/"));
+    EXPECT_EQ(find(rules_, "check_confirmed_dyna")->notice,
+              advised("Your server IP address [%IP%] does not have a valid reverse DNS entry "
+                      "[%RDNS%].",
+                      "/best-practices/check_dynamic_reverse_dns/"));
+    EXPECT_EQ(find(rules_, "block_nonauth_ipv6")->notice,
+              advised("This server only accepts deliveries from IPv6 clients when they use "
+                      "SMTP authentication.",
+                      "/best-practices/block-nonauth-ipv6/"));
+    EXPECT_EQ(find(rules_, "no_such_rule"), nullptr);
+    EXPECT_EQ(rule_name_compare(nullptr, "x", 0), -1);
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(SpamRuleTest, MacrosExpandWithFallbacks) {
+    char ptr1[] = "first.example.net", ptr2[] = "second.example.net";
+    char* ptrs[] = {ptr1, ptr2, nullptr};
+    char ip[] = "192.0.2.7", helo[] = "mx.example.org", from[] = "a@example.org",
+         rcpt[] = "b@example.com";
+    rule_ = new_rule("t", nullptr, 0, 0, 0, 0, "%IP% %RDNS% %HELO% %FROM% %RCPT% %TO% %IP%");
+    ASSERT_NE(rule_, nullptr);
+
+    const struct {
+        spam_session session;
+        std::string expected;
+    } cases[] = {
+        {{}, "%IP% unknown unknown unknown unknown unknown %IP%"},
+        {{.ip = ip, .ptr_names = ptrs, .helo = helo, .mail_from = from, .rcpt_to = rcpt},
+         "192.0.2.7 first.example.net mx.example.org a@example.org b@example.com "
+         "b@example.com 192.0.2.7"},
+        {{.rdns = ptr2, .ptr_names = ptrs},
+         "%IP% second.example.net unknown unknown unknown "
+         "unknown %IP%"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expected);
+        session_ = c.session;
+        EXPECT_EQ(notice(), c.expected + banner);
+    }
+    EXPECT_TRUE(ow_test::has_debug("build_rejection_notice",
+                                   "after replacement macros: rejection is: [%IP% unknown "
+                                   "unknown unknown unknown unknown %IP%]"));
+
+    // A template without macros only gains the banner, so a final full stop is doubled.
+    free_rule(rule_);
+    rule_ = new_rule("plain", nullptr, 0, 0, 0, 0, "Missing HELO.");
+    session_ = {.ip = ip};
+    EXPECT_EQ(notice(), "Missing HELO.." + banner.substr(1));
+    EXPECT_TRUE(
+        ow_test::has_debug("build_rejection_notice", "full notice: [Missing HELO." + banner + "]"));
+    EXPECT_NO_ERRORS();
+}
+
+std::string override_saw;
+char* override_for_plain(const char* name, spam_session* session) {
+    override_saw = name;
+    if (std::strcmp(name, "plain") != 0) return nullptr;
+    return ow::dup_cstr(std::string("custom for ") + session->ip);
+}
+
+TEST_F(SpamRuleTest, OverrideReplacesTheTemplateOrFallsBack) {
+    char ip[] = "%HELO%";  // an override's template is expanded like the rule's own
+    char helo[] = "h";
+    session_ = {.ip = ip, .helo = helo};
+    rule_ = new_rule("plain", nullptr, 0, 0, 0, 0, "own %IP%");
+    EXPECT_EQ(notice(override_for_plain), "custom for h" + banner);
+    EXPECT_EQ(override_saw, "plain");
+    free_rule(rule_);
+    rule_ = new_rule("other", nullptr, 0, 0, 0, 0, "own");
+    EXPECT_EQ(notice(override_for_plain), "own" + banner);
+    EXPECT_EQ(override_saw, "other");
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(SpamRuleTest, RefusalsAndAllocationFailures) {
+    const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
+    refused(
+        "new_rule", inval,
+        {!new_rule(nullptr, nullptr, 0, 0, 0, 0, "n"), !new_rule("", nullptr, 0, 0, 0, 0, "n"),
+         !new_rule("x", nullptr, 0, 0, 0, 0, nullptr), !new_rule("x", nullptr, 0, 0, 0, 0, "")});
+    rule_ = new_rule("x", nullptr, 0, 0, 0, 0, "n");
+    spam_rule nameless{};
+    refused("build_rejection_notice", inval,
+            {!build_rejection_notice(nullptr, &session_, nullptr),
+             !build_rejection_notice(rule_, nullptr, nullptr),
+             !build_rejection_notice(&nameless, &session_, nullptr)});
+    for (long n = 1; n <= 3; ++n) {
+        SCOPED_TRACE(n);
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(new_rule("x", nullptr, 0, 0, 0, 0, "n"), nullptr);
+        refused("new_rule", enomem, {true});
+    }
+    // With the first rule's record failing, the other thirty are still built.
+    ow::testing::fail_allocation(1);
+    rules_ = build_rule_list();
+    EXPECT_EQ(ow_list_count(rules_), static_cast<uint32_t>(SPAM_RULE_COUNT - 1));
+    EXPECT_STREQ(static_cast<spam_rule*>(rules_->data)->name, "outbound");
+    refused("new_rule", enomem, {true});
+    ow::testing::fail_allocation(1);
+    EXPECT_EQ(notice(), "(null)");
+    refused("build_rejection_notice", enomem, {true});
+}
+
+}  // namespace
