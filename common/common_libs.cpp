@@ -453,19 +453,21 @@ inline bool fold_space(char c) noexcept {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
-// printf into a new zeroed buffer, measured first. Logs and returns nullptr on failure.
-char* format_header(const char* format, va_list args) noexcept {
+// printf into a new zeroed buffer, measured first. On failure returns nullptr with *err the
+// error number of a failed measure, or 0 when the allocation failed; the caller logs.
+char* format_header(const char* format, va_list args, int* err) noexcept {
     va_list measure;
     va_copy(measure, args);
+    errno = 0;
     const int length = std::vsnprintf(nullptr, 0, format, measure);
     va_end(measure);
     if (length < 0) {
-        OW_ERROR("failed to calculate length of buffer: %s", std::strerror(errno));
+        *err = errno != 0 ? errno : EOVERFLOW;
         return nullptr;
     }
     auto* text = static_cast<char*>(ow::mem_calloc(static_cast<std::size_t>(length) + 1, 1));
     if (text == nullptr) {
-        OW_ENOMEM();
+        *err = 0;
         return nullptr;
     }
     std::vsnprintf(text, static_cast<std::size_t>(length) + 1, format, args);
@@ -485,21 +487,21 @@ std::size_t piece_end(std::string_view value, std::size_t from) noexcept {
     return value.size();
 }
 
-// Folds header (a whole formatted header). Logs and returns nullptr on failure.
-char* fold_text(std::string_view header, std::size_t* value_at) noexcept {
+// Why a header cannot be folded; the public function logs it, so the line carries its name.
+enum class fold_error { none, no_colon, long_name, no_memory };
+
+// Folds header (a whole formatted header); nullptr and *error on failure.
+char* fold_text(std::string_view header, std::size_t* value_at, fold_error* error) noexcept {
     const std::size_t colon = header.find(':');
     if (colon == std::string_view::npos) {
-        OW_ERROR("Invalid header, no colon found");
+        *error = fold_error::no_colon;
         return nullptr;
     }
     *value_at = colon + 1;
-    if (header.size() <= kUnfoldedMax) {
-        char* same = ow::dup_cstr(header);
-        if (same == nullptr) OW_ENOMEM();
-        return same;
-    }
+    *error = fold_error::no_memory;
+    if (header.size() <= kUnfoldedMax) return ow::dup_cstr(header);
     if (colon + 1 > kFoldWidth) {
-        OW_ERROR("Invalid header, header name exceeds 76 characters");
+        *error = fold_error::long_name;
         return nullptr;
     }
     const std::string_view value = header.substr(colon + 1);
@@ -507,15 +509,9 @@ char* fold_text(std::string_view header, std::size_t* value_at) noexcept {
     for (char c : value) has_word = has_word || !fold_space(c);
     // Every break adds two bytes and comes before a piece of at least one byte.
     std::size_t size = 0;
-    if (ow::mul_overflows(header.size(), 3, &size)) {
-        OW_ENOMEM();
-        return nullptr;
-    }
+    if (ow::mul_overflows(header.size(), 3, &size)) return nullptr;
     ow::unique_cstr out(static_cast<char*>(ow::mem_calloc(size + 1, 1)));
-    if (!out) {
-        OW_ENOMEM();
-        return nullptr;
-    }
+    if (!out) return nullptr;
     char* at = out.get();
     std::memcpy(at, header.data(), colon + 1);
     at += colon + 1;
@@ -576,12 +572,31 @@ char* fold_header(char** value, const char* format, ...) {
     if (format == nullptr) return nullptr;
     va_list args;
     va_start(args, format);
-    ow::unique_cstr text(format_header(format, args));
+    int err = 0;
+    ow::unique_cstr text(format_header(format, args, &err));
     va_end(args);
-    if (!text) return nullptr;
+    if (!text) {
+        if (err != 0) {
+            OW_ERROR("failed to calculate length of buffer: %s", std::strerror(err));
+        } else {
+            OW_ENOMEM();
+        }
+        return nullptr;
+    }
     std::size_t value_at = 0;
-    char* folded = fold_text(text.get(), &value_at);
-    if (folded != nullptr && value != nullptr) *value = folded + value_at;
+    fold_error error = fold_error::none;
+    char* folded = fold_text(text.get(), &value_at, &error);
+    if (folded == nullptr) {
+        if (error == fold_error::no_colon) {
+            OW_ERROR("Invalid header, no colon found");
+        } else if (error == fold_error::long_name) {
+            OW_ERROR("Invalid header, header name exceeds 76 characters");
+        } else {
+            OW_ENOMEM();
+        }
+        return nullptr;
+    }
+    if (value != nullptr) *value = folded + value_at;
     return folded;
 }
 
@@ -589,11 +604,19 @@ int32_t fprintf_header(FILE* stream, const char* format, ...) {
     if (stream == nullptr || format == nullptr) return -1;
     va_list args;
     va_start(args, format);
-    ow::unique_cstr text(format_header(format, args));
+    int err = 0;
+    ow::unique_cstr text(format_header(format, args, &err));
     va_end(args);
-    if (!text) return -1;
-    std::size_t value_at = 0;
-    ow::unique_cstr folded(fold_text(text.get(), &value_at));
+    if (!text) {
+        if (err != 0) {
+            OW_ERROR("failed to calculate length of buffer: %s", std::strerror(err));
+        } else {
+            OW_ENOMEM();
+        }
+        return -1;
+    }
+    // Folded as formatted: "%s" keeps any % in the text from being read as a format again.
+    ow::unique_cstr folded(fold_header(nullptr, "%s", text.get()));
     if (!folded) return -1;
     const std::size_t length = std::strlen(folded.get());
     if (length > INT32_MAX || std::fwrite(folded.get(), 1, length, stream) != length) return -1;

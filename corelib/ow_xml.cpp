@@ -59,7 +59,8 @@ struct frame {
     bool close_tag = false;
 };
 
-// What one character did to the innermost element.
+// What one character did to the innermost element; failed means out of memory (the caller
+// reports it, so the line names the public function).
 enum class step { go_on, child, closed, failed };
 
 char* copy_range(const char* from, const char* to) noexcept {
@@ -80,10 +81,7 @@ step scan_char(frame& f, const char* pos, const char** closed_at) noexcept {
         if (c == '<' && pos[1] != '/') {
             OW_DEBUG("found '<' - creating tag");
             f.node = static_cast<ow_xml_node*>(ow::mem_calloc(1, sizeof(ow_xml_node)));
-            if (f.node == nullptr) {
-                OW_ENOMEM();
-                return step::failed;
-            }
+            if (f.node == nullptr) return step::failed;
             f.child_tail = &f.node->children;
             f.open_tag = true;
         }
@@ -111,10 +109,7 @@ step scan_char(frame& f, const char* pos, const char** closed_at) noexcept {
         if (f.name_start != nullptr) {
             OW_DEBUG("setting tag name");
             f.node->name = copy_range(f.name_start, pos);
-            if (f.node->name == nullptr) {
-                OW_ENOMEM();
-                return step::failed;
-            }
+            if (f.node->name == nullptr) return step::failed;
             OW_DEBUG("tag name set to [%s]", f.node->name);
         }
         f.in_name = false;
@@ -138,10 +133,7 @@ step scan_char(frame& f, const char* pos, const char** closed_at) noexcept {
     if (pos[1] == '/') {
         if (f.data_start != nullptr) {
             f.node->data = copy_range(f.data_start, pos);
-            if (f.node->data == nullptr) {
-                OW_ENOMEM();
-                return step::failed;
-            }
+            if (f.node->data == nullptr) return step::failed;
         }
         f.in_content = false;
         f.close_tag = true;
@@ -221,6 +213,7 @@ ow_xml_node* ow_xml_string_to_node(const char* text, const char** end, ow_xml_no
             const char* closed_at = nullptr;
             const step s = scan_char(stack.back(), pos, &closed_at);
             if (s == step::failed) {
+                OW_ENOMEM();
                 release_frames(stack);
                 return nullptr;
             }
