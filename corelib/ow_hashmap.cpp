@@ -135,30 +135,41 @@ struct shared_value {
 };
 
 struct pair_node {
-    hash_pair_t pair;              // first, so a hash_pair_t* is a pair_node*
     ow_hashmap* owner;             // the map that linked it, for iterator removal
     mutable shared_value* shared;  // set while the value is shared with a copy
     bool typed;                    // the value word holds a number, not a pointer
+    hash_pair_t pair;              // followed at once by the key, so both share cache lines
     char key[1];                   // the key's bytes start here
 };
-static_assert(offsetof(pair_node, pair) == 0);
+static_assert(offsetof(pair_node, key) == offsetof(pair_node, pair) + sizeof(hash_pair_t));
 
-inline pair_node* node_of(hash_pair_t* pair) noexcept { return reinterpret_cast<pair_node*>(pair); }
+inline pair_node* node_of(hash_pair_t* pair) noexcept {
+    return reinterpret_cast<pair_node*>(reinterpret_cast<char*>(pair) - offsetof(pair_node, pair));
+}
 inline const pair_node* node_of(const hash_pair_t* pair) noexcept {
-    return reinterpret_cast<const pair_node*>(pair);
+    return reinterpret_cast<const pair_node*>(reinterpret_cast<const char*>(pair) -
+                                              offsetof(pair_node, pair));
 }
 
-// The slot table is one block: map_size pair pointers, then map_size copies of their hashes,
-// so a lookup compares hashes from one or two cache lines and follows a pointer only for a
-// likely match. Only maps the library built have the hashes; static maps take the plain scan.
-inline uint32_t* slot_hashes(const ow_hashmap* map) noexcept {
+// The slot table is one block: map_size pair pointers, then a 32-bit tag per slot: 0 for an
+// empty slot, else the pair's hash (1 standing in for a hash of 0). A bucket is scanned in its
+// tags alone, one or two cache lines, and a pointer is followed only for a likely match. Only
+// maps the library built have tags; static maps take the plain scan.
+inline uint32_t* slot_tags(const ow_hashmap* map) noexcept {
     return reinterpret_cast<uint32_t*>(map->pairs + map->map_size);
 }
+inline uint32_t tag_of(uint32_t hash) noexcept { return hash != 0 ? hash : 1; }
 
 inline void put_slot(ow_hashmap* map, uint64_t slot, hash_pair_t* pair) noexcept {
     assert(slot < map->map_size);
     map->pairs[slot] = pair;
-    slot_hashes(map)[slot] = pair->hash;
+    slot_tags(map)[slot] = tag_of(pair->hash);
+}
+
+inline void empty_slot(ow_hashmap* map, uint64_t slot) noexcept {
+    assert(slot < map->map_size);
+    map->pairs[slot] = nullptr;
+    slot_tags(map)[slot] = 0;
 }
 
 inline uint64_t bucket_start(const ow_hashmap* map, uint32_t hash) noexcept {
@@ -178,10 +189,13 @@ int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcep
         }
         return -1;
     }
-    const uint32_t* hashes = slot_hashes(map) + start;
-    hash_pair_t* const* pairs = map->pairs + start;
+    __builtin_prefetch(map->pairs + start);  // in parallel with the tags: a hit needs both
+    const uint32_t* tags = slot_tags(map) + start;
+    const uint32_t tag = tag_of(hash);
     for (uint32_t i = 0; i < map->bucket_size; ++i) {
-        if (hashes[i] == hash && pairs[i] != nullptr && std::strcmp(pairs[i]->key, key) == 0) {
+        if (tags[i] != tag) continue;
+        const hash_pair_t* p = map->pairs[start + i];
+        if (p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0) {
             return static_cast<int64_t>(start + i);
         }
     }
@@ -192,22 +206,53 @@ int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcep
 int64_t free_slot(const ow_hashmap* map, uint32_t hash) noexcept {
     if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
     const uint64_t start = bucket_start(map, hash);
-    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
-        if (map->pairs[i] == nullptr) return static_cast<int64_t>(i);
+    const uint32_t* tags = slot_tags(map) + start;
+    for (uint32_t i = 0; i < map->bucket_size; ++i) {
+        if (tags[i] == 0) return static_cast<int64_t>(start + i);
     }
     return -1;
 }
 
+// A key measured and hashed once: a store hashes before it allocates, so the bucket it
+// will scan is already on its way into the cache while the pair is being built.
+struct hashed_key {
+    const char* key;
+    size_t length;
+    uint32_t hash;
+};
+
+inline hashed_key hash_key(const char* key) noexcept {
+    const size_t length = std::strlen(key);
+    return {key, length, length == 0 ? 0 : __super_fast_hash(key, length)};
+}
+
+// Starts loading the tags and pointers of hash's bucket. Never for a static map.
+inline void prefetch_bucket(const ow_hashmap* map, uint32_t hash) noexcept {
+    if (map->pairs == nullptr || map->num_buckets == 0) return;
+    const uint64_t start = bucket_start(map, hash);
+    __builtin_prefetch(slot_tags(map) + start, 1);
+    __builtin_prefetch(map->pairs + start, 1);
+}
+
+hash_pair_t* make_pair(const hashed_key& k, void* value, uint64_t length, bool copy,
+                       ow_map_free_fn freefn) noexcept;
+
 hash_pair_t* __create_pair(const char* key, void* value, uint64_t length, bool copy,
                            ow_map_free_fn freefn) {
-    const size_t key_length = std::strlen(key);
+    return make_pair(hash_key(key), value, length, copy, freefn);
+}
+
+hash_pair_t* make_pair(const hashed_key& k, void* value, uint64_t length, bool copy,
+                       ow_map_free_fn freefn) noexcept {
+    const char* key = k.key;
+    const size_t key_length = k.length;
     size_t size = 0;
     if (ow::add_overflows(offsetof(pair_node, key), key_length + 1, &size)) return nullptr;
     auto* node = static_cast<pair_node*>(ow::mem_malloc(size));
     if (node == nullptr) return nullptr;
     hash_pair_t* pair = &node->pair;
     pair->flags = 0;
-    pair->hash = key_length == 0 ? 0 : __super_fast_hash(key, key_length);
+    pair->hash = k.hash;
     std::memcpy(node->key, key, key_length + 1);
     pair->key = node->key;
     pair->value = value;
@@ -321,14 +366,17 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
     for (;;) {
         // One pass over the bucket finds both a key stored before and the first hole.
         const uint64_t start = bucket_start(map, pair->hash);
-        hash_pair_t* const* pairs = map->pairs + start;
-        const uint32_t* hashes = slot_hashes(map) + start;
+        const uint32_t* tags = slot_tags(map) + start;
+        const uint32_t tag = tag_of(pair->hash);
         int64_t hole = -1;
         for (uint32_t i = 0; i < map->bucket_size; ++i) {
-            if (pairs[i] == nullptr) {
+            if (tags[i] == 0) {
                 if (hole < 0) hole = i;
-            } else if (hashes[i] == pair->hash && std::strcmp(pairs[i]->key, pair->key) == 0) {
-                return false;  // a key is never stored twice
+            } else if (tags[i] == tag) {
+                const hash_pair_t* p = map->pairs[start + i];
+                if (p->hash == pair->hash && std::strcmp(p->key, pair->key) == 0) {
+                    return false;  // a key is never stored twice
+                }
             }
         }
         if (hole >= 0) {
@@ -349,13 +397,24 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
 // distinct, so a pair goes straight to the first hole of its bucket; only a full bucket takes
 // the general store, which grows fresh.
 bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
-    const uint32_t* old_hashes = slot_hashes(map);
+    // The old table is read in order; the new one is written at random, so the buckets a few
+    // pairs ahead are fetched early. The pairs themselves are never visited: their tags are
+    // their hashes (only a tag of 1 may stand for a hash of 0).
+    constexpr uint32_t kAhead = 8;
+    const uint32_t* old_tags = slot_tags(map);
     for (uint32_t i = 0; i < map->map_size; ++i) {
+        if (i + kAhead < map->map_size && old_tags[i + kAhead] != 0) {
+            const uint64_t ahead = bucket_start(fresh, old_tags[i + kAhead]);
+            __builtin_prefetch(slot_tags(fresh) + ahead, 1);
+            __builtin_prefetch(fresh->pairs + ahead, 1);
+        }
+        const uint32_t tag = old_tags[i];
+        if (tag == 0) continue;
         hash_pair_t* pair = map->pairs[i];
-        if (pair == nullptr) continue;
-        const int64_t hole = free_slot(fresh, old_hashes[i]);
+        const int64_t hole = free_slot(fresh, tag != 1 ? tag : pair->hash);
         if (hole >= 0) {
-            put_slot(fresh, static_cast<uint64_t>(hole), pair);
+            fresh->pairs[hole] = pair;
+            slot_tags(fresh)[hole] = tag;
             ++fresh->num_pairs;
         } else if (!__map_store(fresh, pair, false)) {
             OW_ERROR("Failed to store pair");
@@ -626,7 +685,9 @@ bool ow_map_store_ex(ow_hashmap* map, const char* key, void* value, uint64_t len
         OW_ERROR("Cannot request 'copy' and specify a freefn that isn't 'void free(void *)'");
         return false;
     }
-    hash_pair_t* pair = __create_pair(key, value, length, copy, freefn);
+    const hashed_key k = hash_key(key);
+    if (!is_static(map)) prefetch_bucket(map, k.hash);
+    hash_pair_t* pair = make_pair(k, value, length, copy, freefn);
     if (pair == nullptr) {
         OW_ERROR("Cannot create new key-value pair when attemping to store data in map");
         return false;
@@ -658,7 +719,7 @@ bool ow_map_remove(ow_hashmap* map, const char* key) {
     if (slot < 0) return false;
     hash_pair_t* pair = map->pairs[slot];
     unlink_pair(map, pair);
-    map->pairs[slot] = nullptr;
+    empty_slot(map, static_cast<uint64_t>(slot));
     --map->num_pairs;
     __destroy_pair(pair, true);
     return true;
@@ -706,7 +767,7 @@ bool ow_map_rename(ow_hashmap* map, const char* old_key, const char* new_key) {
         return false;
     }
     hash_pair_t* pair = map->pairs[from];
-    map->pairs[from] = nullptr;
+    empty_slot(map, static_cast<uint64_t>(from));
     if (to < 0) to = free_slot(map, new_hash);  // same bucket: the slot just emptied
     if (pair->key != node_of(pair)->key) std::free(pair->key);
     pair->key = copy;
@@ -777,7 +838,7 @@ bool ow_map_clear(ow_hashmap* map) {
     for (uint32_t i = 0; i < map->map_size; ++i) {
         if (map->pairs[i] != nullptr) {
             __destroy_pair(map->pairs[i], true);
-            map->pairs[i] = nullptr;
+            empty_slot(map, i);
         }
     }
     map->num_pairs = 0;
@@ -1401,7 +1462,7 @@ bool ow_map_iterator_remove(ow_map_iterator* it) {
     it->current = pair->prev;
     it->flags |= MAP_ITER_FLAG_GAP;
     unlink_pair(map, pair);
-    map->pairs[slot] = nullptr;
+    empty_slot(map, static_cast<uint64_t>(slot));
     --map->num_pairs;
     __destroy_pair(pair, true);
     return true;
@@ -1417,7 +1478,9 @@ bool ow_map_iterator_remove(ow_map_iterator* it) {
             OW_ERROR("Attempting to store entries in a static hashmap!");                     \
             return false;                                                                     \
         }                                                                                     \
-        hash_pair_t* pair = __create_pair(key, word_of(value), sizeof(type), false, nullptr); \
+        const hashed_key k = hash_key(key);                                                   \
+        prefetch_bucket(map, k.hash);                                                         \
+        hash_pair_t* pair = make_pair(k, word_of(value), sizeof(type), false, nullptr);       \
         if (pair == nullptr) {                                                                \
             OW_ERROR("Cannot create new key-value pair when attemping to store data in map"); \
             return false;                                                                     \
