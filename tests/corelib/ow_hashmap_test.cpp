@@ -273,18 +273,6 @@ TEST_F(Hashmap, RemoveAndRenameKeepTheChain) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(Hashmap, OrderedIteratorMovesPeeksAndStops) {
-    ow_map_iterator* it = ow_map_iterator_start_ex(make({"one", "two", "three"}), 1);
-    EXPECT_EQ(ow_map_iterator_cur(it), nullptr);
-    // Past the end, at the last pair, past the end again, down to before the first pair.
-    run_script(it, "P:three N:- p:three N:- n:- n:- p:three p:two p:one P:- p:- p:- N:one n:one");
-    ow_map_iterator_end(it);
-    ow_map_iterator empty;
-    ow_map_iterator_init(&empty, make());
-    run_script(&empty, "N:- n:- p:-");
-    EXPECT_NO_ERRORS();
-}
-
 TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     // One bucket of five slots as the generator lays it out, the first and the last used.
     hash_pair_t p[3] = {};
@@ -308,8 +296,21 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
 
     int v = 1;
     EXPECT_FALSE(ow_map_store_ex(&s, "x", &v, 4, false, nullptr) || ow_map_remove(&s, "two") ||
-                 ow_map_rename(&s, "two", "deux") || ow_map_clear(&s) || ow_map_rehash(&s));
+                 ow_map_rename(&s, "two", "deux") || ow_map_clear(&s) || ow_map_rehash(&s) ||
+                 ow_map_store_int32(&s, "x", 1) || ow_map_update_bool(&s, "two", true) ||
+                 ow_map_update_ex(&s, "two", &v, 4, true, nullptr) ||
+                 ow_map_shrink(&s) != nullptr || ow_map_iterator_remove(&it));
     ow_map_destroy(&s);
+    EXPECT_ERROR_LINE("ow_map_store_int32", "Attempting to store entries in a static hashmap!");
+    EXPECT_ERROR_LINE("ow_map_update_bool", "Attempting to update entries in a static hashmap!");
+    EXPECT_ERROR_LINE("ow_map_update_ex", "Attempting to update entries in a static hashmap!");
+    EXPECT_ERROR_LINE("ow_map_shrink", "Attempting to shrink a static hashmap!");
+    EXPECT_ERROR_LINE("ow_map_iterator_remove",
+                      "Attempting to remove entries from a static hashmap!");
+    // A copy of a static map is an ordinary map in the same order.
+    ow_hashmap* copy = maps_.emplace_back(ow_map_copy_ex(&s, 0, 0));
+    expect_order(copy, {"zero", "two", "four"});
+    EXPECT_TRUE(ow_map_remove(copy, "two"));
     EXPECT_ERROR_LINE("ow_map_store_ex", "Attempting to store entries in a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_remove", "Attempting to remove entries from a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_rename", "Attempting to rename entries in a static hashmap!");
@@ -326,12 +327,23 @@ TEST_F(Hashmap, NullArgumentsAreRefusedWithEinval) {
                  ow_map_store_ex(m, nullptr, nullptr, 0, false, nullptr) ||
                  ow_map_fetch(nullptr, "k", nullptr) || ow_map_remove(m, nullptr) ||
                  ow_map_rename(m, "a", nullptr) || ow_map_clear(nullptr) || ow_map_rehash(nullptr));
+    EXPECT_FALSE(ow_map_store_double(m, nullptr, 1) || ow_map_update_float(nullptr, "k", 1) ||
+                 ow_map_get_first_entry(nullptr, nullptr, nullptr) ||
+                 ow_map_get_last_entry(nullptr, nullptr, nullptr) ||
+                 ow_map_find(nullptr, "x", nullptr, nullptr) || ow_map_sort(m, nullptr, true) ||
+                 ow_map_iterator_remove(nullptr));
     EXPECT_EQ(ow_map_iterator_start_ex(nullptr, 0), nullptr);
+    EXPECT_TRUE(ow_map_copy_ex(nullptr, 0, 0) == nullptr && ow_map_shrink(nullptr) == nullptr);
     EXPECT_EQ(ow_map_count(nullptr), 0u);
     ow_map_destroy(nullptr);
+    ow_map_dump(stdout, nullptr);
+    gen_static_map_ex(stdout, nullptr, "x");
     for (const char* f :
          {"ow_map_store_ex", "ow_map_fetch", "ow_map_remove", "ow_map_rename", "ow_map_clear",
-          "ow_map_rehash", "ow_map_iterator_start_ex", "ow_map_destroy"}) {
+          "ow_map_rehash", "ow_map_iterator_start_ex", "ow_map_destroy", "ow_map_store_double",
+          "ow_map_update_float", "ow_map_get_first_entry", "ow_map_get_last_entry", "ow_map_find",
+          "ow_map_sort", "ow_map_iterator_remove", "ow_map_copy_ex", "ow_map_shrink", "ow_map_dump",
+          "gen_static_map_ex"}) {
         EXPECT_ERROR_LINE(f, std::strerror(EINVAL));
     }
 }
@@ -344,6 +356,10 @@ TEST_F(Hashmap, IteratorRemoveLeavesAGapBothDirectionsLeave) {
         const char* script;
         keys_t left;
     } cases[] = {
+        // Past the end, at the last pair, past the end again, down to before the first pair.
+        {1,
+         "P:three N:- p:three N:- n:- n:- p:three p:two p:one P:- p:- p:- N:one n:one",
+         {"one", "two", "three"}},
         {0, "r:x n:one r:- r:x P:- N:two n:two n:three r:- N:- p:two n:-", {"two"}},
         {0, "n:one n:two r:- p:one n:three n:- r:x", {"one", "three"}},
         {1, "p:three r:- p:two r:- p:one r:- p:- n:-", {}},
@@ -437,14 +453,8 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
     EXPECT_FALSE(ow_map_find(m, "kiwi!", nullptr, &k));
     ASSERT_TRUE(ow_map_find(
         m, nullptr, [](const void*, const void*) { return true; }, &k));
-    uint32_t lowest = m->map_size;
-    for (const char* key : {"pear", "apple", "fig", "n"}) {
-        for (uint32_t i = 0; i < m->map_size; ++i) {
-            if (m->pairs[i] != nullptr && std::strcmp(m->pairs[i]->key, key) == 0 && i < lowest) {
-                lowest = i;
-            }
-        }
-    }
+    uint32_t lowest = 0;
+    while (m->pairs[lowest] == nullptr) ++lowest;
     EXPECT_STREQ(k, m->pairs[lowest]->key);
 
     const auto by_string = [](const void* a, const void* b) {
@@ -490,7 +500,19 @@ TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
         ow_map_destroy(source_first ? copy2 : src);
         EXPECT_EQ(g_freed, 2);
     }
+    // Allocations of a copy: the map record, its table, the iterator, then the first pair.
+    const std::pair<const char*, const char*> failures[] = {
+        {"ow_map_copy_ex", "Failed to create empty map for copying"},
+        {"ow_map_create", "Failed to initialize buckets of new map"},
+        {"ow_map_copy_ex", "Failed to create map iterator"},
+        {"ow_map_copy_ex", "Failed to copy map element [key = a]"}};
     ow_hashmap* six = make({"a", "b", "c", "d", "e", "f"});
+    for (long n = 1; n <= 4; ++n) {
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(ow_map_copy_ex(six, 0, 0), nullptr);
+        EXPECT_ERROR_LINE(failures[n - 1].first, failures[n - 1].second);
+    }
+    clear_log();
     ow_hashmap* small = ow_map_shrink(six);
     ASSERT_NE(small, nullptr);
     EXPECT_EQ(small->num_buckets, 1u);
