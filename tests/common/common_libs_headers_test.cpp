@@ -120,19 +120,9 @@ std::vector<std::string> run_launchers(const std::string& results) {
     };
     std::ofstream log(results);
     const auto run = [&](int32_t (*launcher)()) {
-        std::fflush(stdout);
-        FILE* capture = std::tmpfile();
-        const int saved = dup(STDOUT_FILENO);
-        dup2(fileno(capture), STDOUT_FILENO);
+        testing::internal::CaptureStdout();
         const int32_t status = launcher();
-        std::fflush(stdout);
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-        std::rewind(capture);
-        char buffer[512] = {};
-        const size_t n = std::fread(buffer, 1, sizeof buffer - 1, capture);
-        std::fclose(capture);
-        log << status << "|" << std::string(buffer, n) << "\n";
+        log << status << "|" << testing::internal::GetCapturedStdout() << "\n";
     };
     run(run_init_plugin);  // nothing installed: the tool is named, not the wrapper
     script(bin / "activate_plugin", "exit 0");
