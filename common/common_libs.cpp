@@ -430,3 +430,218 @@ bool fetch_remote_url(const char* program, const char* postdata, const char* opt
 }
 
 }  // extern "C"
+
+// =========================================================================================
+// Mail header folding and the suite tool launchers.
+//
+// Folding never looks inside a word: the value is cut only before white space, so whatever
+// bytes a word holds (control characters, bytes of 0x80 and above) travel whole and in order.
+
+#include <cstdarg>
+
+#include "ardvex_config.h"
+
+namespace {
+
+constexpr std::size_t kFoldWidth = 76;
+constexpr std::size_t kUnfoldedMax = 75;
+
+inline bool fold_space(char c) noexcept {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// printf into a new zeroed buffer, measured first. On failure returns nullptr with *err the
+// error number of a failed measure, or 0 when the allocation failed; the caller logs.
+char* format_header(const char* format, va_list args, int* err) noexcept {
+    va_list measure;
+    va_copy(measure, args);
+    errno = 0;
+    const int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (length < 0) {
+        *err = errno != 0 ? errno : EOVERFLOW;
+        return nullptr;
+    }
+    auto* text = static_cast<char*>(ow::mem_calloc(static_cast<std::size_t>(length) + 1, 1));
+    if (text == nullptr) {
+        *err = 0;
+        return nullptr;
+    }
+    std::vsnprintf(text, static_cast<std::size_t>(length) + 1, format, args);
+    return text;
+}
+
+// Where the piece starting at `from` (an index into value) ends: just before the last white
+// space that precedes the next word after the piece's own word.
+std::size_t piece_end(std::string_view value, std::size_t from) noexcept {
+    std::size_t i = from;
+    if (i < value.size() && fold_space(value[i])) ++i;  // the piece's own leading space
+    while (i < value.size() && fold_space(value[i])) ++i;
+    while (i < value.size() && !fold_space(value[i])) ++i;  // its word
+    for (std::size_t j = i; j < value.size(); ++j) {
+        if (!fold_space(value[j])) return j - 1;  // the next word begins at j
+    }
+    return value.size();
+}
+
+// Why a header cannot be folded; the public function logs it, so the line carries its name.
+enum class fold_error { none, no_colon, long_name, no_memory };
+
+// Folds header (a whole formatted header); nullptr and *error on failure.
+char* fold_text(std::string_view header, std::size_t* value_at, fold_error* error) noexcept {
+    const std::size_t colon = header.find(':');
+    if (colon == std::string_view::npos) {
+        *error = fold_error::no_colon;
+        return nullptr;
+    }
+    *value_at = colon + 1;
+    *error = fold_error::no_memory;
+    if (header.size() <= kUnfoldedMax) return ow::dup_cstr(header);
+    if (colon + 1 > kFoldWidth) {
+        *error = fold_error::long_name;
+        return nullptr;
+    }
+    const std::string_view value = header.substr(colon + 1);
+    bool has_word = false;
+    for (char c : value) has_word = has_word || !fold_space(c);
+    // Every break adds two bytes and comes before a piece of at least one byte.
+    std::size_t size = 0;
+    if (ow::mul_overflows(header.size(), 3, &size)) return nullptr;
+    ow::unique_cstr out(static_cast<char*>(ow::mem_calloc(size + 1, 1)));
+    if (!out) return nullptr;
+    char* at = out.get();
+    std::memcpy(at, header.data(), colon + 1);
+    at += colon + 1;
+    if (has_word) {
+        auto room = static_cast<int64_t>(kFoldWidth - (colon + 1));
+        // The first piece holds the first word with the white space around it, up to the last
+        // white space before the second word.
+        std::size_t from = 0;
+        std::size_t end = piece_end(value, 0);
+        bool first = true;
+        while (from < value.size() || first) {
+            const std::string_view piece = value.substr(from, end - from);
+            const auto length = static_cast<int64_t>(piece.size());
+            const bool fits = room > 0 && length <= room;
+            const bool breaks =
+                !first && !fits && (room <= 0 || (!piece.empty() && fold_space(piece[0])));
+            if (breaks) {
+                *at++ = '\r';
+                *at++ = '\n';
+                room = static_cast<int64_t>(kFoldWidth);
+            }
+            std::memcpy(at, piece.data(), piece.size());
+            at += piece.size();
+            room -= length;
+            first = false;
+            from = end;
+            if (from >= value.size()) break;
+            end = piece_end(value, from);
+        }
+    }
+    return out.release();
+}
+
+int32_t run_suite_tool(const char* tool, const char* command, const char* missing) noexcept {
+    if (!ow_file_executable(tool)) {
+        std::fputs(missing, stdout);
+        std::fflush(stdout);
+        return 1;
+    }
+    if (!ow_file_executable(ARDVEX_SECURE_WRAPPER)) {
+        std::fputs("Missing ardvex-secure utility", stdout);
+        std::fflush(stdout);
+        return 1;
+    }
+    std::fflush(nullptr);  // what was buffered comes before what the tool writes
+    return ::system(command);
+}
+
+}  // namespace
+
+// The tool's path, and the fixed command that runs it through the wrapper.
+#define OW_SUITE_TOOL(name) \
+    ARDVEX_SUITE_BIN_DIR "/" name, ARDVEX_SECURE_WRAPPER " \"" ARDVEX_SUITE_BIN_DIR "/" name "\""
+
+extern "C" {
+
+char* fold_header(char** value, const char* format, ...) {
+    if (format == nullptr) return nullptr;
+    va_list args;
+    va_start(args, format);
+    int err = 0;
+    ow::unique_cstr text(format_header(format, args, &err));
+    va_end(args);
+    if (!text) {
+        if (err != 0) {
+            OW_ERROR("failed to calculate length of buffer: %s", std::strerror(err));
+        } else {
+            OW_ENOMEM();
+        }
+        return nullptr;
+    }
+    std::size_t value_at = 0;
+    fold_error error = fold_error::none;
+    char* folded = fold_text(text.get(), &value_at, &error);
+    if (folded == nullptr) {
+        if (error == fold_error::no_colon) {
+            OW_ERROR("Invalid header, no colon found");
+        } else if (error == fold_error::long_name) {
+            OW_ERROR("Invalid header, header name exceeds 76 characters");
+        } else {
+            OW_ENOMEM();
+        }
+        return nullptr;
+    }
+    if (value != nullptr) *value = folded + value_at;
+    return folded;
+}
+
+int32_t fprintf_header(FILE* stream, const char* format, ...) {
+    if (stream == nullptr || format == nullptr) return -1;
+    va_list args;
+    va_start(args, format);
+    int err = 0;
+    ow::unique_cstr text(format_header(format, args, &err));
+    va_end(args);
+    if (!text) {
+        if (err != 0) {
+            OW_ERROR("failed to calculate length of buffer: %s", std::strerror(err));
+        } else {
+            OW_ENOMEM();
+        }
+        return -1;
+    }
+    // Folded as formatted: "%s" keeps any % in the text from being read as a format again.
+    ow::unique_cstr folded(fold_header(nullptr, "%s", text.get()));
+    if (!folded) return -1;
+    const std::size_t length = std::strlen(folded.get());
+    if (length > INT32_MAX || std::fwrite(folded.get(), 1, length, stream) != length) return -1;
+    return static_cast<int32_t>(length);
+}
+
+int32_t run_init_plugin(void) {
+    return run_suite_tool(
+        OW_SUITE_TOOL("init_plugin"),
+        "Missing initialization tool. Please try re-installing the Ardvex package to repair");
+}
+
+int32_t run_activate_plugin(void) {
+    return run_suite_tool(
+        OW_SUITE_TOOL("activate_plugin"),
+        "Missing activation tool. Please try re-installing the Ardvex package to repair");
+}
+
+int32_t run_deactivate_plugin(void) {
+    return run_suite_tool(
+        OW_SUITE_TOOL("deactivate_plugin"),
+        "Missing deactivation tool. Please try re-installing the Ardvex package to repair");
+}
+
+int32_t run_deinit_plugin(void) {
+    return run_suite_tool(
+        OW_SUITE_TOOL("deinit_plugin"),
+        "Missing de-init tool. Please try re-installing the Ardvex package to repair");
+}
+
+}  // extern "C"

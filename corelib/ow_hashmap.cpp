@@ -16,10 +16,13 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cctype>
+#include <cstddef>
 #include <new>
 #include <string>
 #include <string_view>
@@ -120,87 +123,208 @@ inline bool is_static(const ow_hashmap* map) noexcept {
     return (map->flags & MAP_FLAG_STATIC) != 0;
 }
 
-inline bool pair_matches(const hash_pair_t* p, uint32_t hash, const char* key) noexcept {
-    return p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0;
-}
-
-// Index of the slot holding key, or -1. The table must exist.
-int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcept {
-    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
-    const uint64_t start = static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
-    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
-        if (pair_matches(map->const_pairs[i], hash, key)) return static_cast<int64_t>(i);
-    }
-    return -1;
-}
-
-// Index of the first empty slot of the bucket of hash, or -1.
-int64_t free_slot(const ow_hashmap* map, uint32_t hash) noexcept {
-    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
-    const uint64_t start = static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
-    for (uint64_t i = start; i < start + map->bucket_size; ++i) {
-        if (map->pairs[i] == nullptr) return static_cast<int64_t>(i);
-    }
-    return -1;
-}
-
 // ----------------------------------------------------------------------------------------
 // Pairs
+//
+// Every pair the library makes is one allocation: the public record, what only the library
+// needs to know about it, and the key bytes. Static maps' constant pairs are bare records;
+// nothing below touches the extra fields of a pair in a static map.
+
+// The count of maps holding one value that ow_map_copy_ex shared with its free function.
+struct shared_value {
+    uint64_t holders;
+};
+
+struct pair_node {
+    ow_hashmap* owner;             // the map that linked it, for iterator removal
+    mutable shared_value* shared;  // set while the value is shared with a copy
+    bool typed;                    // the value word holds a number, not a pointer
+    hash_pair_t pair;              // followed at once by the key, so both share cache lines
+    char key[1];                   // the key's bytes start here
+};
+static_assert(offsetof(pair_node, key) == offsetof(pair_node, pair) + sizeof(hash_pair_t));
+
+inline pair_node* node_of(hash_pair_t* pair) noexcept {
+    return reinterpret_cast<pair_node*>(reinterpret_cast<char*>(pair) - offsetof(pair_node, pair));
+}
+inline const pair_node* node_of(const hash_pair_t* pair) noexcept {
+    return reinterpret_cast<const pair_node*>(reinterpret_cast<const char*>(pair) -
+                                              offsetof(pair_node, pair));
+}
+
+// The slot table is one block: map_size pair pointers, then a 32-bit tag per slot: 0 for an
+// empty slot, else the pair's hash (1 standing in for a hash of 0). A bucket is scanned in its
+// tags alone, one or two cache lines, and a pointer is followed only for a likely match. Only
+// maps the library built have tags; static maps take the plain scan.
+inline uint32_t* slot_tags(const ow_hashmap* map) noexcept {
+    return reinterpret_cast<uint32_t*>(map->pairs + map->map_size);
+}
+inline uint32_t tag_of(uint32_t hash) noexcept { return hash != 0 ? hash : 1; }
+
+inline void put_slot(ow_hashmap* map, uint64_t slot, hash_pair_t* pair) noexcept {
+    assert(slot < map->map_size);
+    map->pairs[slot] = pair;
+    slot_tags(map)[slot] = tag_of(pair->hash);
+}
+
+inline void empty_slot(ow_hashmap* map, uint64_t slot) noexcept {
+    assert(slot < map->map_size);
+    map->pairs[slot] = nullptr;
+    slot_tags(map)[slot] = 0;
+}
+
+inline uint64_t bucket_start(const ow_hashmap* map, uint32_t hash) noexcept {
+    return static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
+}
+
+// Index of the slot holding key, or -1.
+int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcept {
+    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
+    const uint64_t start = bucket_start(map, hash);
+    if (is_static(map)) {
+        for (uint64_t i = start; i < start + map->bucket_size; ++i) {
+            const hash_pair_t* p = map->const_pairs[i];
+            if (p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0) {
+                return static_cast<int64_t>(i);
+            }
+        }
+        return -1;
+    }
+    __builtin_prefetch(map->pairs + start);  // in parallel with the tags: a hit needs both
+    const uint32_t* tags = slot_tags(map) + start;
+    const uint32_t tag = tag_of(hash);
+    for (uint32_t i = 0; i < map->bucket_size; ++i) {
+        if (tags[i] != tag) continue;
+        const hash_pair_t* p = map->pairs[start + i];
+        if (p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0) {
+            return static_cast<int64_t>(start + i);
+        }
+    }
+    return -1;
+}
+
+// Index of the first empty slot of the bucket of hash, or -1. Never for a static map.
+int64_t free_slot(const ow_hashmap* map, uint32_t hash) noexcept {
+    if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
+    const uint64_t start = bucket_start(map, hash);
+    const uint32_t* tags = slot_tags(map) + start;
+    for (uint32_t i = 0; i < map->bucket_size; ++i) {
+        if (tags[i] == 0) return static_cast<int64_t>(start + i);
+    }
+    return -1;
+}
+
+// A key measured and hashed once: a store hashes before it allocates, so the bucket it
+// will scan is already on its way into the cache while the pair is being built.
+struct hashed_key {
+    const char* key;
+    size_t length;
+    uint32_t hash;
+};
+
+inline hashed_key hash_key(const char* key) noexcept {
+    const size_t length = std::strlen(key);
+    return {key, length, length == 0 ? 0 : __super_fast_hash(key, length)};
+}
+
+// Starts loading the tags and pointers of hash's bucket. Never for a static map.
+inline void prefetch_bucket(const ow_hashmap* map, uint32_t hash) noexcept {
+    if (map->pairs == nullptr || map->num_buckets == 0) return;
+    const uint64_t start = bucket_start(map, hash);
+    __builtin_prefetch(slot_tags(map) + start, 1);
+    __builtin_prefetch(map->pairs + start, 1);
+}
+
+hash_pair_t* make_pair(const hashed_key& k, void* value, uint64_t length, bool copy,
+                       ow_map_free_fn freefn) noexcept;
 
 hash_pair_t* __create_pair(const char* key, void* value, uint64_t length, bool copy,
                            ow_map_free_fn freefn) {
-    auto* pair = static_cast<hash_pair_t*>(ow::mem_calloc(1, sizeof(hash_pair_t)));
-    if (pair == nullptr) return nullptr;
+    return make_pair(hash_key(key), value, length, copy, freefn);
+}
+
+hash_pair_t* make_pair(const hashed_key& k, void* value, uint64_t length, bool copy,
+                       ow_map_free_fn freefn) noexcept {
+    const char* key = k.key;
+    const size_t key_length = k.length;
+    size_t size = 0;
+    if (ow::add_overflows(offsetof(pair_node, key), key_length + 1, &size)) return nullptr;
+    auto* node = static_cast<pair_node*>(ow::mem_malloc(size));
+    if (node == nullptr) return nullptr;
+    hash_pair_t* pair = &node->pair;
+    pair->flags = 0;
+    pair->hash = k.hash;
+    std::memcpy(node->key, key, key_length + 1);
+    pair->key = node->key;
+    pair->value = value;
+    pair->length = length;
     pair->freefn = freefn;
-    pair->hash = key_hash(key);
-    pair->key = ow::dup_cstr(key);
-    if (pair->key == nullptr) {
-        std::free(pair);
-        return nullptr;
-    }
+    pair->prev = pair->next = nullptr;
+    node->owner = nullptr;
+    node->shared = nullptr;
+    node->typed = false;
     if (copy && value != nullptr) {
-        if (length > SIZE_MAX) {
-            std::free(pair->key);
-            std::free(pair);
-            return nullptr;
-        }
-        void* own = ow::mem_calloc(1, static_cast<size_t>(length));
-        if (own == nullptr) {
-            std::free(pair->key);
-            std::free(pair);
+        void* own = length > SIZE_MAX ? nullptr : ow::mem_calloc(1, static_cast<size_t>(length));
+        if (own == nullptr && length > 0) {
+            std::free(node);
             return nullptr;
         }
         if (length > 0) std::memcpy(own, value, static_cast<size_t>(length));
         pair->value = own;
         pair->flags |= PAIR_FLAG_COPY;
-    } else {
-        pair->value = value;
     }
-    pair->length = length;
     return pair;
 }
 
-// release is set when the pair leaves the map for good (remove, clear, destroy); it is clear
-// when a store fails, so a value the caller still owns survives.
-void __destroy_pair(hash_pair_t* pair, bool release) {
+// Lets go of a pair's value: through its free function when release is set, else a private
+// copy with free. A value shared with a copy of the map is released only by its last holder.
+void release_value(hash_pair_t* pair, bool release) noexcept {
+    pair_node* node = node_of(pair);
+    if (node->shared != nullptr) {
+        shared_value* shared = node->shared;
+        node->shared = nullptr;
+        if (--shared->holders > 0) return;
+        std::free(shared);
+    }
     if (pair->freefn != nullptr && release) {
         pair->freefn(pair->value);
     } else if ((pair->flags & PAIR_FLAG_COPY) != 0) {
         std::free(pair->value);
     }
-    std::free(pair->key);
-    std::free(pair);
+}
+
+// release is set when the pair leaves the map for good (remove, clear, destroy); it is clear
+// when a store fails, so a value the caller still owns survives.
+void __destroy_pair(hash_pair_t* pair, bool release) {
+    release_value(pair, release);
+    pair_node* node = node_of(pair);
+    if (pair->key != node->key) std::free(pair->key);  // renamed: the key is its own block
+    std::free(node);
 }
 
 // ----------------------------------------------------------------------------------------
 // Table
 
+// Large tables are probed at random, one cache line per lookup, so on small pages nearly
+// every probe also misses the TLB. Asking for huge pages on the aligned inside of a large
+// block (fresh from mmap, not yet touched) makes the probe cost a cache miss only. Only a
+// hint: nothing depends on it being honoured.
+void advise_huge_pages(void* block, size_t bytes) noexcept {
+    constexpr uintptr_t kHuge = uintptr_t{2} << 20;
+    if (bytes < 4 * kHuge) return;
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(block) + kHuge - 1) & ~(kHuge - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(kHuge - 1);
+    if (end > begin) (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
 bool __map_init(ow_hashmap* map, uint32_t num_buckets, uint32_t bucket_size) {
     const uint32_t size = num_buckets * bucket_size;  // callers checked the product
     hash_pair_t** slots = nullptr;
     if (size != 0) {
-        slots = static_cast<hash_pair_t**>(ow::mem_calloc(size, sizeof(hash_pair_t*)));
+        const size_t bytes = static_cast<size_t>(size) * (sizeof(hash_pair_t*) + sizeof(uint32_t));
+        slots = static_cast<hash_pair_t**>(ow::mem_calloc(1, bytes));
         if (slots == nullptr) return false;
+        advise_huge_pages(slots, bytes);
     }
     map->num_buckets = num_buckets;
     map->bucket_size = bucket_size;
@@ -215,7 +339,7 @@ hash_pair_t* __map_fetch_hash(const ow_hashmap* map, const char* key, uint32_t h
         return nullptr;
     }
     const int64_t slot = find_slot(map, key, hash);
-    return slot < 0 ? nullptr : map->const_pairs[slot];
+    return slot < 0 ? nullptr : map->pairs[slot];
 }
 
 void link_last(ow_hashmap* map, hash_pair_t* pair) noexcept {
@@ -254,10 +378,23 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
         }
     }
     for (;;) {
-        if (find_slot(map, pair->key, pair->hash) >= 0) return false;  // never stored twice
-        const int64_t slot = free_slot(map, pair->hash);
-        if (slot >= 0) {
-            map->pairs[slot] = pair;
+        // One pass over the bucket finds both a key stored before and the first hole.
+        const uint64_t start = bucket_start(map, pair->hash);
+        const uint32_t* tags = slot_tags(map) + start;
+        const uint32_t tag = tag_of(pair->hash);
+        int64_t hole = -1;
+        for (uint32_t i = 0; i < map->bucket_size; ++i) {
+            if (tags[i] == 0) {
+                if (hole < 0) hole = i;
+            } else if (tags[i] == tag) {
+                const hash_pair_t* p = map->pairs[start + i];
+                if (p->hash == pair->hash && std::strcmp(p->key, pair->key) == 0) {
+                    return false;  // a key is never stored twice
+                }
+            }
+        }
+        if (hole >= 0) {
+            put_slot(map, start + static_cast<uint64_t>(hole), pair);
             ++map->num_pairs;
             if (link) link_last(map, pair);
             return true;
@@ -270,12 +407,30 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
 }
 
 // Places every pair of map into fresh, which already has its new table. The old slots are
-// left alone so that a failure half way costs nothing but fresh.
+// left alone so that a failure half way costs nothing but fresh. Keys are known to be
+// distinct, so a pair goes straight to the first hole of its bucket; only a full bucket takes
+// the general store, which grows fresh.
 bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
+    // The old table is read in order; the new one is written at random, so the buckets a few
+    // pairs ahead are fetched early. The pairs themselves are never visited: their tags are
+    // their hashes (only a tag of 1 may stand for a hash of 0).
+    constexpr uint32_t kAhead = 8;
+    const uint32_t* old_tags = slot_tags(map);
     for (uint32_t i = 0; i < map->map_size; ++i) {
+        if (i + kAhead < map->map_size && old_tags[i + kAhead] != 0) {
+            const uint64_t ahead = bucket_start(fresh, old_tags[i + kAhead]);
+            __builtin_prefetch(slot_tags(fresh) + ahead, 1);
+            __builtin_prefetch(fresh->pairs + ahead, 1);
+        }
+        const uint32_t tag = old_tags[i];
+        if (tag == 0) continue;
         hash_pair_t* pair = map->pairs[i];
-        if (pair == nullptr) continue;
-        if (!__map_store(fresh, pair, false)) {
+        const int64_t hole = free_slot(fresh, tag != 1 ? tag : pair->hash);
+        if (hole >= 0) {
+            fresh->pairs[hole] = pair;
+            slot_tags(fresh)[hole] = tag;
+            ++fresh->num_pairs;
+        } else if (!__map_store(fresh, pair, false)) {
             OW_ERROR("Failed to store pair");
             return false;
         }
@@ -287,6 +442,17 @@ bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
 void drop_table(ow_hashmap* fresh) noexcept {
     std::free(fresh->pairs);
     std::free(fresh);
+}
+
+// Stores a pair made by the caller, linked last. False when the key exists or the store
+// failed; the pair is then destroyed without releasing a value the caller still owns.
+bool store_new_pair(ow_hashmap* map, hash_pair_t* pair) noexcept {
+    if (!__map_store(map, pair, true)) {
+        __destroy_pair(pair, false);
+        return false;
+    }
+    node_of(pair)->owner = map;
+    return true;
 }
 
 // ----------------------------------------------------------------------------------------
@@ -311,6 +477,12 @@ void ordered_iterator_start(ow_map_iterator* it, const ow_hashmap* map, uint32_t
 
 inline bool at_end(const ow_map_iterator* it) noexcept {
     return (it->flags & MAP_ITER_FLAG_END) != 0;
+}
+
+// After ow_map_iterator_remove the iterator stands between current (NULL: before the first
+// pair) and current's next.
+inline bool in_gap(const ow_map_iterator* it) noexcept {
+    return (it->flags & MAP_ITER_FLAG_GAP) != 0;
 }
 
 // The slot position (1-based) of the next occupied slot after position pos, or 0.
@@ -343,13 +515,15 @@ hash_pair_t* candidate(const ow_map_iterator* it, bool forward, uint32_t* positi
             pos = static_prev_position(it, from);
         }
         if (position != nullptr) *position = pos;
-        return pos == 0 ? nullptr : it->const_pairs[pos - 1];
+        // The interface hands out pairs as writable records; a static map's stay constant.
+        return pos == 0 ? nullptr : const_cast<hash_pair_t*>(it->const_pairs[pos - 1]);
     }
     if (forward) {
         if (at_end(it)) return nullptr;
         return it->current != nullptr ? it->current->next : it->first;
     }
     if (at_end(it)) return it->last;
+    if (in_gap(it)) return it->current;  // the pair before the removed one
     return it->current != nullptr ? it->current->prev : nullptr;
 }
 
@@ -377,10 +551,12 @@ bool step(ow_map_iterator* it, bool forward, const char** key, void** value) noe
     }
     if (forward) {
         if (at_end(it)) return false;
+        it->flags &= static_cast<uint8_t>(~MAP_ITER_FLAG_GAP);
         it->current = next;
         if (next == nullptr) it->flags |= MAP_ITER_FLAG_END;
         return report(next, key, value);
     }
+    it->flags &= static_cast<uint8_t>(~MAP_ITER_FLAG_GAP);
     if (!at_end(it) && it->current == nullptr) return false;  // before the first pair
     it->flags &= static_cast<uint8_t>(~MAP_ITER_FLAG_END);
     it->current = next;
@@ -523,16 +699,14 @@ bool ow_map_store_ex(ow_hashmap* map, const char* key, void* value, uint64_t len
         OW_ERROR("Cannot request 'copy' and specify a freefn that isn't 'void free(void *)'");
         return false;
     }
-    hash_pair_t* pair = __create_pair(key, value, length, copy, freefn);
+    const hashed_key k = hash_key(key);
+    if (!is_static(map)) prefetch_bucket(map, k.hash);
+    hash_pair_t* pair = make_pair(k, value, length, copy, freefn);
     if (pair == nullptr) {
         OW_ERROR("Cannot create new key-value pair when attemping to store data in map");
         return false;
     }
-    if (!__map_store(map, pair, true)) {
-        __destroy_pair(pair, false);
-        return false;
-    }
-    return true;
+    return store_new_pair(map, pair);
 }
 
 bool ow_map_fetch(const ow_hashmap* map, const char* key, void** value) {
@@ -559,7 +733,7 @@ bool ow_map_remove(ow_hashmap* map, const char* key) {
     if (slot < 0) return false;
     hash_pair_t* pair = map->pairs[slot];
     unlink_pair(map, pair);
-    map->pairs[slot] = nullptr;
+    empty_slot(map, static_cast<uint64_t>(slot));
     --map->num_pairs;
     __destroy_pair(pair, true);
     return true;
@@ -607,12 +781,12 @@ bool ow_map_rename(ow_hashmap* map, const char* old_key, const char* new_key) {
         return false;
     }
     hash_pair_t* pair = map->pairs[from];
-    map->pairs[from] = nullptr;
+    empty_slot(map, static_cast<uint64_t>(from));
     if (to < 0) to = free_slot(map, new_hash);  // same bucket: the slot just emptied
-    std::free(pair->key);
+    if (pair->key != node_of(pair)->key) std::free(pair->key);
     pair->key = copy;
     pair->hash = new_hash;
-    map->pairs[to] = pair;
+    put_slot(map, static_cast<uint64_t>(to), pair);
     return true;
 }
 
@@ -678,7 +852,7 @@ bool ow_map_clear(ow_hashmap* map) {
     for (uint32_t i = 0; i < map->map_size; ++i) {
         if (map->pairs[i] != nullptr) {
             __destroy_pair(map->pairs[i], true);
-            map->pairs[i] = nullptr;
+            empty_slot(map, i);
         }
     }
     map->num_pairs = 0;
@@ -779,9 +953,9 @@ hash_pair_t* ow_map_iterator_cur(const ow_map_iterator* it) {
     }
     if ((it->flags & MAP_ITER_FLAG_STATIC) != 0) {
         if (at_end(it) || it->slot.index == 0 || it->slot.index > it->slot.map_size) return nullptr;
-        return it->const_pairs[it->slot.index - 1];
+        return const_cast<hash_pair_t*>(it->const_pairs[it->slot.index - 1]);
     }
-    return at_end(it) ? nullptr : it->current;
+    return at_end(it) || in_gap(it) ? nullptr : it->current;
 }
 
 void ow_map_iterator_end(ow_map_iterator* it) { std::free(it); }
@@ -1036,7 +1210,9 @@ ow_hashmap* ow_map_load(const char* path) {
             return nullptr;
         }
         pair->flags = pair_flags;
-        map->pairs[slot] = pair;
+        node_of(pair)->owner = map;
+        node_of(pair)->typed = freefn == nullptr;  // short values are read back inline
+        put_slot(map, slot, pair);
         ++map->num_pairs;
         try {
             next_of.emplace(slot, next);
@@ -1145,6 +1321,473 @@ int ow_map_load_control_file(const char* path, uint32_t max, char separator, ow_
     fail.dismiss();
     *out = map;
     return 1;
+}
+
+}  // extern "C"
+
+// ==========================================================================================
+// Walk-and-delete, typed values, whole-map operations and text renderings
+
+namespace {
+
+// A typed value as the bytes of a value word.
+template <typename T>
+inline void* word_of(T value) noexcept {
+    void* word = nullptr;
+    std::memcpy(&word, &value, sizeof value);
+    return word;
+}
+
+// Gives an existing pair a new value, releasing the old one first.
+void replace_value(hash_pair_t* pair, void* value, uint64_t length, uint32_t flags,
+                   ow_map_free_fn freefn, bool typed) noexcept {
+    release_value(pair, true);
+    pair->value = value;
+    pair->length = length;
+    pair->flags = flags;
+    pair->freefn = freefn;
+    node_of(pair)->typed = typed;
+}
+
+// The bytes a value stands for: behind its pointer, or the word itself for a typed value.
+const void* value_bytes(const hash_pair_t* pair, bool library_pair) noexcept {
+    return library_pair && node_of(pair)->typed ? static_cast<const void*>(&pair->value)
+                                                : pair->value;
+}
+
+// Makes the pair's value shareable: a holder count of 1 for the pair itself.
+bool make_shareable(const hash_pair_t* pair) noexcept {
+    const pair_node* node = node_of(pair);
+    if (node->shared != nullptr) return true;
+    node->shared = static_cast<shared_value*>(ow::mem_malloc(sizeof(shared_value)));
+    if (node->shared == nullptr) return false;
+    node->shared->holders = 1;
+    return true;
+}
+
+// Writes bytes as the inside of a C string literal. Octal escapes always take three digits,
+// so a following digit can never join them; "?" is escaped against trigraphs.
+void write_c_string(FILE* out, const unsigned char* bytes, size_t length) {
+    std::fputc('"', out);
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = bytes[i];
+        if (c == '"' || c == '\\' || c == '?') {
+            std::fprintf(out, "\\%c", c);
+        } else if (c >= 0x20 && c < 0x7F) {
+            std::fputc(c, out);
+        } else {
+            std::fprintf(out, "\\%03o", c);
+        }
+    }
+    std::fputc('"', out);
+}
+
+void write_static_value(FILE* out, const hash_pair_t* pair) {
+    const pair_node* node = node_of(pair);
+    if (node->typed) {
+        std::fprintf(out, "(void*)0x%llxull",
+                     static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pair->value)));
+    } else if (pair->value == nullptr) {
+        std::fputs("NULL", out);
+    } else if (pair->length == 0) {
+        std::fputs(static_cast<const char*>(pair->value), out);  // the caller's C expression
+    } else {
+        auto length = static_cast<size_t>(pair->length);
+        const auto* bytes = static_cast<const unsigned char*>(pair->value);
+        if (bytes[length - 1] == '\0') --length;  // the literal brings its own
+        write_c_string(out, bytes, length);
+    }
+}
+
+// The stable bottom-up merge sort of the insertion chain. Returns the new first pair.
+hash_pair_t* merge_sort(hash_pair_t* list, int (*compare)(const void*, const void*),
+                        bool by_key) noexcept {
+    const auto field = [by_key](hash_pair_t* p) -> const void* {
+        return by_key ? static_cast<const void*>(&p->key) : static_cast<const void*>(&p->value);
+    };
+    for (size_t width = 1;; width *= 2) {
+        hash_pair_t* left = list;
+        hash_pair_t* tail = nullptr;
+        list = nullptr;
+        size_t merges = 0;
+        while (left != nullptr) {
+            ++merges;
+            hash_pair_t* right = left;
+            size_t left_size = 0;
+            for (; left_size < width && right != nullptr; ++left_size) right = right->next;
+            size_t right_size = width;
+            while (left_size > 0 || (right_size > 0 && right != nullptr)) {
+                hash_pair_t* take = nullptr;
+                if (left_size == 0) {
+                    take = right;
+                    right = right->next;
+                    --right_size;
+                } else if (right_size == 0 || right == nullptr ||
+                           compare(field(left), field(right)) <= 0) {
+                    take = left;
+                    left = left->next;
+                    --left_size;
+                } else {
+                    take = right;
+                    right = right->next;
+                    --right_size;
+                }
+                if (tail != nullptr) {
+                    tail->next = take;
+                } else {
+                    list = take;
+                }
+                tail = take;
+            }
+            left = right;
+        }
+        tail->next = nullptr;
+        if (merges <= 1) return list;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+bool ow_map_iterator_remove(ow_map_iterator* it) {
+    if (it == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if ((it->flags & MAP_ITER_FLAG_STATIC) != 0) {
+        OW_ERROR("Attempting to remove entries from a static hashmap!");
+        return false;
+    }
+    hash_pair_t* pair = it->current;
+    if (pair == nullptr || at_end(it) || in_gap(it)) {
+        OW_EINVAL();
+        return false;
+    }
+    ow_hashmap* map = node_of(pair)->owner;
+    const int64_t slot = map != nullptr ? slot_of(map, pair) : -1;
+    if (slot < 0) {
+        OW_ERROR("Map is corrupted: [%s] is not in its bucket", pair->key);
+        return false;
+    }
+    // The iterator keeps its own copies of the map's ends; keep them off the freed pair.
+    if (it->first == pair) it->first = pair->next;
+    if (it->last == pair) it->last = pair->prev;
+    it->current = pair->prev;
+    it->flags |= MAP_ITER_FLAG_GAP;
+    unlink_pair(map, pair);
+    empty_slot(map, static_cast<uint64_t>(slot));
+    --map->num_pairs;
+    __destroy_pair(pair, true);
+    return true;
+}
+
+#define OW_MAP_TYPED_DEF(name, type)                                                          \
+    bool ow_map_store_##name(ow_hashmap* map, const char* key, type value) {                  \
+        if (map == nullptr || key == nullptr) {                                               \
+            OW_EINVAL();                                                                      \
+            return false;                                                                     \
+        }                                                                                     \
+        if (is_static(map)) {                                                                 \
+            OW_ERROR("Attempting to store entries in a static hashmap!");                     \
+            return false;                                                                     \
+        }                                                                                     \
+        const hashed_key k = hash_key(key);                                                   \
+        prefetch_bucket(map, k.hash);                                                         \
+        hash_pair_t* pair = make_pair(k, word_of(value), sizeof(type), false, nullptr);       \
+        if (pair == nullptr) {                                                                \
+            OW_ERROR("Cannot create new key-value pair when attemping to store data in map"); \
+            return false;                                                                     \
+        }                                                                                     \
+        node_of(pair)->typed = true;                                                          \
+        return store_new_pair(map, pair);                                                     \
+    }                                                                                         \
+    bool ow_map_update_##name(ow_hashmap* map, const char* key, type value) {                 \
+        if (map == nullptr || key == nullptr) {                                               \
+            OW_EINVAL();                                                                      \
+            return false;                                                                     \
+        }                                                                                     \
+        if (is_static(map)) {                                                                 \
+            OW_ERROR("Attempting to update entries in a static hashmap!");                    \
+            return false;                                                                     \
+        }                                                                                     \
+        hash_pair_t* pair = __map_fetch_hash(map, key, key_hash(key));                        \
+        if (pair == nullptr) return false;                                                    \
+        replace_value(pair, word_of(value), sizeof(type), 0, nullptr, true);                  \
+        return true;                                                                          \
+    }                                                                                         \
+    bool ow_map_fetch_##name(const ow_hashmap* map, const char* key, type* out) {             \
+        if (map == nullptr || key == nullptr || out == nullptr) {                             \
+            OW_EINVAL();                                                                      \
+            return false;                                                                     \
+        }                                                                                     \
+        const hash_pair_t* pair = __map_fetch_hash(map, key, key_hash(key));                  \
+        if (pair == nullptr) return false;                                                    \
+        std::memcpy(out, &pair->value, sizeof(type));                                         \
+        return true;                                                                          \
+    }
+OW_MAP_TYPED_DEF(int64, int64_t)
+OW_MAP_TYPED_DEF(uint64, uint64_t)
+OW_MAP_TYPED_DEF(int32, int32_t)
+OW_MAP_TYPED_DEF(uint32, uint32_t)
+OW_MAP_TYPED_DEF(double, double)
+OW_MAP_TYPED_DEF(float, float)
+OW_MAP_TYPED_DEF(bool, bool)
+#undef OW_MAP_TYPED_DEF
+
+bool ow_map_update_ex(ow_hashmap* map, const char* key, void* value, uint64_t length, bool copy,
+                      ow_map_free_fn freefn) {
+    if (map == nullptr || key == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to update entries in a static hashmap!");
+        return false;
+    }
+    if (copy && freefn != nullptr && freefn != &std::free) {
+        OW_ERROR("Cannot request 'copy' and specify a freefn that isn't 'void free(void *)'");
+        return false;
+    }
+    hash_pair_t* pair = __map_fetch_hash(map, key, key_hash(key));
+    if (pair == nullptr) return false;
+    if (copy) {
+        void* own = length > SIZE_MAX ? nullptr : ow::mem_calloc(1, static_cast<size_t>(length));
+        if (own == nullptr) {
+            OW_ENOMEM();
+            return false;
+        }
+        if (length > 0 && value != nullptr) std::memcpy(own, value, static_cast<size_t>(length));
+        value = own;
+    }
+    replace_value(pair, value, length, copy ? PAIR_FLAG_COPY : 0, freefn, false);
+    return true;
+}
+
+bool ow_map_get_first_entry(const ow_hashmap* map, const char** key, void** value) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    return report(map->first, key, value);
+}
+
+bool ow_map_get_last_entry(const ow_hashmap* map, const char** key, void** value) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    return report(map->last, key, value);
+}
+
+bool ow_map_find(const ow_hashmap* map, const void* needle, ow_map_match_fn match,
+                 const char** key) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    const bool library_pairs = !is_static(map);
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        const hash_pair_t* pair = map->const_pairs[i];
+        if (pair == nullptr) continue;
+        bool found = false;
+        if (match != nullptr) {
+            found = match(needle, pair->value);
+        } else if (pair->length == 0) {
+            found = pair->value == needle;
+        } else {
+            const void* bytes = value_bytes(pair, library_pairs);
+            found = bytes != nullptr && needle != nullptr &&
+                    std::memcmp(bytes, needle, static_cast<size_t>(pair->length)) == 0;
+        }
+        if (found) {
+            if (key != nullptr) *key = pair->key;
+            return true;
+        }
+    }
+    return false;
+}
+
+ow_hashmap* ow_map_copy_ex(const ow_hashmap* map, uint32_t num_buckets, uint32_t bucket_size) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    ow_hashmap* copy = ow_map_create(num_buckets != 0 ? num_buckets : map->num_buckets,
+                                     bucket_size != 0 ? bucket_size : map->bucket_size);
+    if (copy == nullptr) {
+        OW_ERROR("Failed to create empty map for copying");
+        return nullptr;
+    }
+    copy->flags = map->flags & ~MAP_FLAG_STATIC;
+    auto fail = ow::scope_guard([copy] { ow_map_destroy(copy); });
+    ow_map_iterator* it = ow_map_iterator_start_ex(map, 0);
+    if (it == nullptr) {
+        OW_ERROR("Failed to create map iterator");
+        return nullptr;
+    }
+    auto end = ow::scope_guard([it] { ow_map_iterator_end(it); });
+    const bool from_static = is_static(map);
+    while (ow_map_iterator_next(it, nullptr, nullptr)) {
+        const hash_pair_t* pair = ow_map_iterator_cur(it);
+        const bool own = pair->length != 0 && !from_static &&
+                         ((pair->flags & PAIR_FLAG_COPY) != 0 || pair->freefn == &std::free);
+        // A constant map's values are never released; a shared value with a free function
+        // is counted so that only its last holder releases it.
+        const ow_map_free_fn freefn = from_static ? nullptr : pair->freefn;
+        const bool shared = !own && freefn != nullptr;
+        if ((shared && !make_shareable(pair)) ||
+            !ow_map_store_ex(copy, pair->key, pair->value, pair->length, own, freefn)) {
+            OW_ERROR("Failed to copy map element [key = %s]", pair->key);
+            return nullptr;
+        }
+        pair_node* added = node_of(copy->last);
+        added->typed = !from_static && node_of(pair)->typed;
+        if (shared) {
+            added->shared = node_of(pair)->shared;
+            ++added->shared->holders;
+        }
+    }
+    fail.dismiss();
+    return copy;
+}
+
+ow_hashmap* ow_map_shrink(const ow_hashmap* map) {
+    if (map == nullptr) {
+        OW_EINVAL();
+        return nullptr;
+    }
+    if (is_static(map)) {
+        OW_ERROR("Attempting to shrink a static hashmap!");
+        return nullptr;
+    }
+    uint32_t best_buckets = map->num_buckets;
+    uint32_t best_size = map->bucket_size;
+    uint64_t best = map->map_size;
+    if (map->map_size != 0) {
+        for (uint32_t b = 1; b < map->num_buckets; ++b) {
+            for (uint32_t s = 1; s < map->bucket_size; ++s) {
+                if (static_cast<uint64_t>(b) * s < map->num_pairs) continue;
+                ow_hashmap* trial = ow_map_copy_ex(map, b, s);
+                if (trial == nullptr) {
+                    OW_ENOMEM();
+                    return nullptr;
+                }
+                if (trial->map_size < best) {
+                    if (trial->map_size == map->num_pairs) return trial;  // every slot used
+                    best_buckets = b;
+                    best_size = s;
+                    best = trial->map_size;
+                }
+                ow_map_destroy(trial);
+            }
+        }
+    }
+    ow_hashmap* smallest = ow_map_copy_ex(map, best_buckets, best_size);
+    if (smallest == nullptr) OW_ENOMEM();
+    return smallest;
+}
+
+bool ow_map_sort(ow_hashmap* map, int (*compare)(const void*, const void*), bool by_key) {
+    if (map == nullptr || compare == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    if (map->num_pairs < 2 || map->first == nullptr) return true;
+    map->first = merge_sort(map->first, compare, by_key);
+    hash_pair_t* prev = nullptr;
+    for (hash_pair_t* p = map->first; p != nullptr; p = p->next) {
+        p->prev = prev;
+        prev = p;
+    }
+    map->last = prev;
+    return true;
+}
+
+uint64_t ow_map_memory_size(const ow_hashmap* map) {
+    if (map == nullptr) return 0;
+    uint64_t total = sizeof(ow_hashmap) + static_cast<uint64_t>(map->map_size) * sizeof(void*);
+    for (uint32_t i = 0; i < map->map_size; ++i) {
+        const hash_pair_t* pair = map->const_pairs[i];
+        if (pair == nullptr) continue;
+        total += sizeof(hash_pair_t) + pair->length;
+        if (pair->key != nullptr) total += std::strlen(pair->key) + 1;
+    }
+    return total;
+}
+
+void ow_map_dump(FILE* out, const ow_hashmap* map) {
+    if (map == nullptr || out == nullptr) {
+        OW_EINVAL();
+        return;
+    }
+    std::fprintf(out, "Hashmap (%u buckets, %u slots per bucket, %u pairs)\n", map->num_buckets,
+                 map->bucket_size, map->num_pairs);
+    std::fputs("=====================================================\n", out);
+    std::fputs("[bucket][slot] <key>:<hash> = <pointer>\n", out);
+    if (map->const_pairs == nullptr) return;
+    int line = 0;
+    for (uint32_t b = 0; b < map->num_buckets; ++b) {
+        for (uint32_t s = 0; s < map->bucket_size; ++s, ++line) {
+            const hash_pair_t* pair =
+                map->const_pairs[static_cast<uint64_t>(b) * map->bucket_size + s];
+            std::fprintf(out, "%d. [%d][%d] %s:%08x = %p\n", line, static_cast<int>(b),
+                         static_cast<int>(s), pair != nullptr ? pair->key : "<null>",
+                         pair != nullptr ? pair->hash : 0u,
+                         pair != nullptr ? pair->value : nullptr);
+        }
+    }
+}
+
+void gen_static_map_ex(FILE* out, const ow_hashmap* map, const char* name) {
+    if (map == nullptr || out == nullptr) {
+        OW_EINVAL();
+        return;
+    }
+    if (map->num_pairs == map->num_buckets) {
+        std::fputs("// \\(^_^)/ Yay! A perfect hashmap! (num pairs == num buckets)\n", out);
+    }
+    std::fprintf(out,
+                 "const ow_hashmap *%s = &(const ow_hashmap){\n   .flags = MAP_FLAG_STATIC,\n"
+                 "   .num_buckets = %u,\n   .bucket_size = %u,\n   .map_size = %u,\n"
+                 "   .num_pairs = %u,\n   .const_pairs = (const hash_pair_t *[]) {\n",
+                 name != nullptr ? name : "static_map", map->num_buckets, map->bucket_size,
+                 map->map_size, map->num_pairs);
+    const bool library_pairs = !is_static(map);
+    unsigned nulls_on_line = 0;  // NULL entries on the current line; 0 after a SLOT entry
+    for (uint32_t i = 0; i < map->map_size && map->const_pairs != nullptr; ++i) {
+        const hash_pair_t* pair = map->const_pairs[i];
+        if (i > 0) {
+            std::fputs(pair == nullptr && nulls_on_line > 0 && nulls_on_line < 10 ? "," : ",\n",
+                       out);
+        }
+        if (pair == nullptr) {
+            if (nulls_on_line == 0 || nulls_on_line >= 10) {
+                std::fputs("        NULL", out);
+                nulls_on_line = 1;
+            } else {
+                std::fputs(" NULL", out);
+                ++nulls_on_line;
+            }
+            continue;
+        }
+        nulls_on_line = 0;
+        std::fprintf(out, "        SLOT(0x%x, ", pair->hash);
+        write_c_string(out, reinterpret_cast<const unsigned char*>(pair->key),
+                       std::strlen(pair->key));
+        std::fputs(", ", out);
+        if (library_pairs) {
+            write_static_value(out, pair);
+        } else if (pair->value == nullptr) {
+            std::fputs("NULL", out);
+        } else {
+            // A static map's value: its text is a string (the map was generated from one).
+            const auto* text = static_cast<const unsigned char*>(pair->value);
+            write_c_string(out, text, std::strlen(static_cast<const char*>(pair->value)));
+        }
+        std::fprintf(out, ", 0x%x)", pair->flags & ~PAIR_FLAG_COPY);
+    }
+    std::fputs("\n    }\n};\n", out);
 }
 
 }  // extern "C"

@@ -19,6 +19,7 @@
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include "ow_export.h"
 
@@ -69,6 +70,36 @@ OW_API int32_t system_exit_code(const char* command);
  * url, response or status is NULL, program or url is empty, or on allocation failure. */
 OW_API bool fetch_remote_url(const char* program, const char* postdata, const char* options,
                              const char* url, char** response, int32_t* status);
+
+/* ---- Mail header folding ------------------------------------------------------------------
+ * A header is "Name: value". One longer than 75 characters is folded: its value is cut into
+ * pieces just before the last white-space character preceding each word, and a piece that
+ * does not fit on the current line (76 characters) opens a new one after CR LF, keeping its
+ * leading white space. A word (any run of bytes that are not white space) is never split, so
+ * a word longer than a line stays whole, and every byte of the value is kept in order, except
+ * that a value made only of white space is dropped. The result has no line break at its end. */
+
+/* Formats the header from format and its arguments and returns it folded as a new string
+ * (free() it), or NULL (logged) when it has no colon, its name with the colon is longer than
+ * 76 characters, or formatting or allocation fails; NULL without a line for a NULL format.
+ * When value is not NULL, *value receives the position in the result right after the colon. */
+OW_API char* fold_header(char** value, const char* format, ...) OW_PRINTF(2, 3);
+
+/* Formats, folds and writes a header to stream (no line break after it). Returns the number
+ * of characters written, or -1 (logged as for fold_header; without a line for a NULL stream
+ * or format, or when the stream refuses the write). */
+OW_API int32_t fprintf_header(FILE* stream, const char* format, ...) OW_PRINTF(2, 3);
+
+/* ---- Suite tool launchers -----------------------------------------------------------------
+ * Each runs one installation tool of the suite's bin directory through the secure wrapper
+ * ardvex-secure, as the shell command: wrapper "tool". When the tool or the wrapper is not an
+ * executable regular file, a message saying which is written to standard output (no line
+ * feed, the tool checked first) and 1 is returned; otherwise the raw wait status of the shell
+ * run (0 on success, exit code * 256 on failure, -1 when no shell could be started). */
+OW_API int32_t run_init_plugin(void);
+OW_API int32_t run_activate_plugin(void);
+OW_API int32_t run_deactivate_plugin(void);
+OW_API int32_t run_deinit_plugin(void);
 
 #ifdef __cplusplus
 }

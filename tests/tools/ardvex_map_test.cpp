@@ -1,0 +1,85 @@
+// Runs the real ardvex-map on map files: the dump in insertion order with unsafe bytes
+// escaped, one value by key, and a damaged file refused with the loader's line.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "log_capture.hpp"
+#include "ow_hashmap.h"
+
+namespace {
+
+class MapTool : public ow_test::LogCaptureTest {
+   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+#ifndef ARDVEX_MAP
+        GTEST_SKIP() << "the tool's build fragment did not pass its path";
+#endif
+        char dir[] = "/tmp/ardvex_map_test.XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
+        LogCaptureTest::TearDown();
+    }
+    // Exit status; out_ gets standard output, err_ standard error.
+    int run(const std::string& args) {
+#ifdef ARDVEX_MAP
+        const std::string cmd =
+            "env -u VERBOSEDEBUG " + std::string(ARDVEX_MAP) + " " + args + " 2>" + dir_ + "/err";
+        FILE* p = popen(cmd.c_str(), "r");
+        out_.clear();
+        for (int c; (c = std::fgetc(p)) != EOF;) out_ += static_cast<char>(c);
+        const int status = pclose(p);
+        std::ifstream e(dir_ + "/err");
+        err_.assign(std::istreambuf_iterator<char>(e), {});
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#else
+        (void)args;
+        return -1;
+#endif
+    }
+    std::string dir_, out_, err_;
+};
+
+TEST_F(MapTool, DumpsGetsAndRefuses) {
+    ow_hashmap* m = ow_map_create(0, 0);
+    const std::pair<const char*, std::string> pairs[] = {
+        {"version", std::string("2.1\0", 4)},
+        {"a=b", "line\nfeed\ttab \x1b[31m\\"},
+        {"binary", std::string("\x00\xff\x80", 3)},
+    };
+    for (const auto& [k, v] : pairs) {
+        ASSERT_TRUE(ow_map_store_ex(m, k, const_cast<char*>(v.data()), v.size(), true, nullptr));
+    }
+    ASSERT_TRUE(ow_map_store_uint32(m, "count", 258));
+    const std::string file = dir_ + "/map";
+    ASSERT_TRUE(ow_map_save(m, file.c_str(), true));
+    ow_map_destroy(m);
+
+    EXPECT_EQ(run("dump " + file), 0);
+    EXPECT_EQ(out_,
+              "version=2.1\n"
+              "a\\=b=line\\nfeed\\ttab \\x1b[31m\\\\\n"
+              "binary=\\x00\\xff\\x80\n"
+              "count=\\x02\\x01\\x00\n");
+    EXPECT_EQ(run("get " + file + " version"), 0);
+    EXPECT_EQ(out_, "2.1\n");
+    EXPECT_EQ(run("get " + file + " missing"), 1);
+    EXPECT_EQ(err_, "ardvex-map: no key [missing] in " + file + "\n");
+
+    std::ofstream(file, std::ios::trunc) << "short";
+    EXPECT_EQ(run("dump " + file), 1);
+    EXPECT_NE(
+        err_.find("ERROR ow_map_load(): Map file [" + file + "] is too short for a map: 5 bytes"),
+        std::string::npos)
+        << err_;
+    EXPECT_EQ(run("dump"), 2);
+}
+
+}  // namespace
