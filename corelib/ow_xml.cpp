@@ -15,14 +15,8 @@
 #include <vector>
 
 #include "ow_internal.hpp"
+#include "ow_list.h"
 #include "ow_stringutils.h"
-
-// The library's list entry record: the data pointer first, its size, the following entry.
-struct ow_list {
-    void* data;
-    uint64_t size;
-    ow_list* next;
-};
 
 namespace {
 

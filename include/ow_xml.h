@@ -23,12 +23,11 @@
 #include <stdint.h>
 
 #include "ow_export.h"
+#include "ow_list.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-struct ow_list; /* list entry: void* data; uint64_t size; struct ow_list* next */
 
 typedef struct ow_xml_attribute {
     char* label; /* owned */

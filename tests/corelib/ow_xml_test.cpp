@@ -11,13 +11,6 @@
 #include "log_capture.hpp"
 #include "ow_internal.hpp"
 
-// The list entry record the tree is built of.
-struct ow_list {
-    void* data;
-    uint64_t size;
-    ow_list* next;
-};
-
 namespace {
 
 // A tree as text: name, {data} when there is any, [children] when there are any.
