@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "ow_dns.h"
 #include "ow_internal.hpp"
 #include "ow_stringutils.h"
 
@@ -37,12 +38,6 @@ constexpr bool is_local_char(char c) noexcept {
 
 // The characters a bare (unbracketed) address field may not hold.
 constexpr std::string_view raw_specials = "\\:;[],";
-
-// Text to binary for the two families; inet_pton's answer (1 converted). The address
-// buffer is 16 bytes so both families fit.
-int inet_to_binary(int family, const char* text, unsigned char (&binary)[16]) noexcept {
-    return ::inet_pton(family, text, binary);
-}
 
 // Appends s (which the list then owns) with its terminator counted in the size, so an
 // empty string is a valid entry. False when the list could not take it; s is still the
@@ -485,11 +480,11 @@ int ow_is_ip(const char* text) {
         return 0;
     }
     unsigned char binary[16];
-    if (inet_to_binary(AF_INET, text, binary) == 1) {
+    if (ow_inet_pton(AF_INET, text, binary) == 1) {
         OW_DEBUG("[%s] is an IPv4 address", text);
         return AF_INET;
     }
-    if (inet_to_binary(AF_INET6, text, binary) == 1) {
+    if (ow_inet_pton(AF_INET6, text, binary) == 1) {
         OW_DEBUG("[%s] is an IPv6 address", text);
         return AF_INET6;
     }
@@ -503,7 +498,7 @@ bool ow_is_ipv6(const char* text) {
         return false;
     }
     unsigned char binary[16];
-    return inet_to_binary(AF_INET6, text, binary) == 1;
+    return ow_inet_pton(AF_INET6, text, binary) == 1;
 }
 
 bool ow_is_unroutable_ip(const char* text) {
@@ -517,7 +512,7 @@ bool ow_is_unroutable_ip(const char* text) {
         return false;
     }
     unsigned char b[16] = {};
-    if (inet_to_binary(family, text, b) != 1) {
+    if (ow_inet_pton(family, text, b) != 1) {
         OW_ERROR("Failed to convert address [%s] to binary buffer", text);
         return false;
     }

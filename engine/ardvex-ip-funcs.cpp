@@ -9,28 +9,8 @@
 #include <cstring>
 
 #include "ardvex-ipv6.h"
+#include "ow_dns.h"
 #include "ow_internal.hpp"
-
-namespace {
-
-// The checked inet_aton conversion: inet_aton's own refusal is only a DEBUG line (callers
-// feed it whatever a list file holds), while the all-ones address, which inet_addr could
-// never tell from its error value, is refused outright.
-uint32_t inet_addr_checked(const char* text) noexcept {
-    in_addr address{};
-    if (::inet_aton(text, &address) == 0) {
-        OW_DEBUG("%s", std::strerror(EINVAL));
-        return 0;
-    }
-    if (address.s_addr == 0xFFFFFFFFu) {
-        OW_EINVAL();
-        return 0;
-    }
-    OW_DEBUG("[%s] converted to %lu", text, static_cast<unsigned long>(address.s_addr));
-    return address.s_addr;
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -39,7 +19,7 @@ uint32_t ip_string_to_number(const char* text) {
         OW_EINVAL();
         return 0;
     }
-    return inet_addr_checked(text);
+    return ow_inet_addr(text);
 }
 
 char* ip_number_to_string(int32_t number) {
