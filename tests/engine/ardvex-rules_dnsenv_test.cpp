@@ -102,6 +102,10 @@ bool (*const rdns_rules[])(spam_session*) = {
 
 TEST_F(OutsideWorldRuleTest, OnePtrLookupServesEveryReverseDnsRule) {
     reset("203.0.113.1");
+    EXPECT_FALSE(rule_valid_ptr(&s_));
+    ASSERT_STREQ(s_.ptr_names[0], "203-0-113-1.pool.example.test");
+    EXPECT_EQ(rdns(), s_.ptr_names[0]);
+    s_.rdns = nullptr;
     for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
     EXPECT_EQ(ptr_queries("1"), 1u) << dnsenv::queries();
     EXPECT_EQ(s_.ptr_state, SPAM_PTR_FOUND);
@@ -162,8 +166,9 @@ TEST_F(OutsideWorldRuleTest, PatternFilesAndExemptions) {
     // An exempt name clears the client in the built-in rule and in every hook.
     compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
     s_.rdns = nullptr;
-    for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
+    EXPECT_FALSE(rule_check_dynamic_reverse_dns_default(&s_));
     EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
+    for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
     EXPECT_EQ(ptr_queries("2"), 1u);
 
     reset("203.0.113.5");
