@@ -41,7 +41,6 @@ class IdentityRuleTest : public ow_test::LogCaptureTest {
 };
 
 struct identity_case {
-    const char* what;
     bool (*rule)(spam_session*);
     const char* rule_name;
     const char* helo;
@@ -51,63 +50,41 @@ struct identity_case {
     bool expected;
     const char* line;  // a DEBUG line the decision must write, or nullptr
 };
+#define RULE(f) f, #f
 
 TEST_F(IdentityRuleTest, Decisions) {
     const identity_case cases[] = {
-        {"no HELO", rule_require_helo, "rule_require_helo", "", nullptr, nullptr, nullptr, true,
-         "HELO is NULL or empty"},
-        {"HELO of every unconfigured host", rule_valid_helo_domain, "rule_valid_helo_domain",
-         "localhost.localdomain", nullptr, nullptr, nullptr, true,
+        {RULE(rule_require_helo), "", nullptr, nullptr, nullptr, true, "HELO is NULL or empty"},
+        {RULE(rule_valid_helo_domain), "localhost.localdomain", nullptr, nullptr, nullptr, true,
          "HELO is \"localhost.localdomain\""},
-        {"longer name beginning like it", rule_valid_helo_domain, "rule_valid_helo_domain",
-         "localhost.localdomain.example.test", nullptr, nullptr, nullptr, false, nullptr},
-        {"HELO not a domain", rule_valid_helo_domain, "rule_valid_helo_domain", "[192.0.2.9]",
-         nullptr, nullptr, nullptr, true, "HELO [[192.0.2.9]] is not a valid domain"},
-        {"HELO not given", rule_valid_helo_domain, "rule_valid_helo_domain", nullptr, nullptr,
-         nullptr, nullptr, false, "HELO is NULL - skipping check"},
-        {"malformed sender", rule_mail_from_strict_addr_parse, "rule_mail_from_strict_addr_parse",
-         nullptr, "a..b@example.test", nullptr, nullptr, true,
-         "from address [a..b@example.test] is not a valid address"},
-        {"empty sender judged alone", rule_rfc_mail_from, "rule_rfc_mail_from", nullptr, "",
-         nullptr, nullptr, true, "from argument failed ow_valid_email_address test"},
-        {"sender not given", rule_rfc_mail_from, "rule_rfc_mail_from", nullptr, nullptr, nullptr,
-         nullptr, true, "from argument is NULL"},
-        {"localhost from elsewhere", rule_rfc_mail_from, "rule_rfc_mail_from", nullptr,
-         "root@LocalHost.localdomain", nullptr, "192.0.2.9", true,
-         "address is claiming to come from localhost, but not really from localhost"},
-        {"localhost from itself", rule_rfc_mail_from, "rule_rfc_mail_from", nullptr,
-         "root@localhost.localdomain", nullptr, "127.0.0.1", false, nullptr},
-        {"sender at an IP", rule_block_ip_in_addr, "rule_block_ip_in_addr", nullptr, "a@192.0.2.1",
-         "b@example.test", nullptr, true, "from domain [192.0.2.1] is an ip address"},
-        {"recipient at an IP, sender without @", rule_block_ip_in_addr, "rule_block_ip_in_addr",
-         nullptr, "postmaster", "b@2001:db8::1", nullptr, true,
+        {RULE(rule_valid_helo_domain), "localhost.localdomain.example.test", nullptr, nullptr,
+         nullptr, false, nullptr},
+        {RULE(rule_valid_helo_domain), "[192.0.2.9]", nullptr, nullptr, nullptr, true,
+         "HELO [[192.0.2.9]] is not a valid domain"},
+        {RULE(rule_mail_from_strict_addr_parse), nullptr, "a..b@example.test", nullptr, nullptr,
+         true, "from address [a..b@example.test] is not a valid address"},
+        {RULE(rule_rfc_mail_from), nullptr, "", nullptr, nullptr, true,
+         "from argument failed ow_valid_email_address test"},
+        {RULE(rule_rfc_mail_from), nullptr, "root@LocalHost.localdomain", nullptr, "192.0.2.9",
+         true, "address is claiming to come from localhost, but not really from localhost"},
+        {RULE(rule_rfc_mail_from), nullptr, "root@localhost.localdomain", nullptr, "127.0.0.1",
+         false, nullptr},
+        {RULE(rule_block_ip_in_addr), nullptr, "a@192.0.2.1", "b@example.test", nullptr, true,
+         "from domain [192.0.2.1] is an ip address"},
+        {RULE(rule_block_ip_in_addr), nullptr, "postmaster", "b@2001:db8::1", nullptr, true,
          "rcpt domain [2001:db8::1] is an ip address"},
-        {"both at domains", rule_block_ip_in_addr, "rule_block_ip_in_addr", nullptr,
-         "a@example.test", "b@example.test", nullptr, false, nullptr},
-        {"recipient without domain", rule_require_full_addr, "rule_require_full_addr", nullptr,
-         nullptr, "postmaster", nullptr, true, "Recipient address [postmaster] is invalid"},
-        {"recipient empty", rule_require_full_addr, "rule_require_full_addr", nullptr, nullptr, "",
-         nullptr, true, "NULL or empty recipient address"},
-        {"full recipient", rule_require_full_addr, "rule_require_full_addr", nullptr, nullptr,
-         "b@example.test", nullptr, false, nullptr},
-        {"from self in other case", rule_block_mail_from_self, "rule_block_mail_from_self", nullptr,
-         "Ann@Example.test", "ann@example.TEST", nullptr, true,
-         "from [Ann@Example.test] and to [ann@example.TEST] addresses match"},
-        {"sender without @", rule_valid_from_domain, "rule_valid_from_domain", nullptr,
-         "postmaster", nullptr, nullptr, true, "address [postmaster] does not contain '@' symbol"},
-        {"sender domain invalid", rule_valid_from_domain, "rule_valid_from_domain", nullptr,
-         "a@bad_domain.test", nullptr, nullptr, true,
+        {RULE(rule_require_full_addr), nullptr, nullptr, "postmaster", nullptr, true,
+         "Recipient address [postmaster] is invalid"},
+        {RULE(rule_block_mail_from_self), nullptr, "Ann@Example.test", "ann@example.TEST", nullptr,
+         true, "from [Ann@Example.test] and to [ann@example.TEST] addresses match"},
+        {RULE(rule_valid_from_domain), nullptr, "a@bad_domain.test", nullptr, nullptr, true,
          "domain [bad_domain.test] flagged as invalid"},
-        {"no IP", rule_block_nonauth_ipv6, "rule_block_nonauth_ipv6", nullptr, nullptr, nullptr,
-         nullptr, false, "no IP address found. Can't run test"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(std::string(c.rule_name) + " " + (c.from != nullptr ? c.from : ""));
         set(c.helo, c.from, c.rcpt, c.ip);
         EXPECT_EQ(c.rule(&s_), c.expected);
-        if (c.line != nullptr) {
-            EXPECT_TRUE(has_debug(c.rule_name, c.line)) << ow_test::dump();
-        }
+        if (c.line != nullptr) EXPECT_TRUE(has_debug(c.rule_name, c.line)) << ow_test::dump();
         clear_log();
     }
 }
@@ -141,21 +118,14 @@ TEST_F(IdentityRuleTest, BounceVerdictIsSharedInTableOrder) {
 }
 
 TEST_F(IdentityRuleTest, Ipv6ClientsMustAuthenticateUnlessExempt) {
-    struct {
-        bool ipv6, authenticated, exempt, expected;
-    } const cases[] = {
-        {true, false, false, true},
-        {true, true, false, false},
-        {true, false, true, false},
-        {false, false, false, false},
-    };
+    // ipv6, authenticated, exempt -> matches
+    const bool cases[][4] = {{1, 0, 0, 1}, {1, 1, 0, 0}, {1, 0, 1, 0}, {0, 0, 0, 0}};
     for (const auto& c : cases) {
         set(nullptr, nullptr, nullptr, "2001:db8::9");
-        s_.is_ipv6 = c.ipv6;
-        s_.authenticated = c.authenticated;
-        s_.auth_exempt = c.exempt;
-        EXPECT_EQ(rule_block_nonauth_ipv6(&s_), c.expected)
-            << c.ipv6 << c.authenticated << c.exempt;
+        s_.is_ipv6 = c[0];
+        s_.authenticated = c[1];
+        s_.auth_exempt = c[2];
+        EXPECT_EQ(rule_block_nonauth_ipv6(&s_), c[3]) << c[0] << c[1] << c[2];
     }
     EXPECT_TRUE(rule_block_all_mail(&s_));
 }
