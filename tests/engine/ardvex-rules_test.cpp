@@ -84,7 +84,9 @@ TEST_F(IdentityRuleTest, Decisions) {
         SCOPED_TRACE(std::string(c.rule_name) + " " + (c.from != nullptr ? c.from : ""));
         set(c.helo, c.from, c.rcpt, c.ip);
         EXPECT_EQ(c.rule(&s_), c.expected);
-        if (c.line != nullptr) EXPECT_TRUE(has_debug(c.rule_name, c.line)) << ow_test::dump();
+        if (c.line != nullptr) {
+            EXPECT_TRUE(has_debug(c.rule_name, c.line)) << ow_test::dump();
+        }
         clear_log();
     }
 }
