@@ -38,6 +38,7 @@ ptr_next ptr_lookup(spam_session* session, site where, ptr_rule rule) noexcept {
     if (!has_names(session) && rule != ptr_rule::reverse_dns &&
         rule != ptr_rule::pattern_confirmed) {
         if (rule == ptr_rule::pattern_list) {
+            // Misspelt since the first release; log watchers match this rule's line as it is.
             OW_SITE_DEBUG(where, "DNS lookupo failure - skipping");
         } else {
             OW_SITE_DEBUG(where, "DNS lookup failure - skipping");
