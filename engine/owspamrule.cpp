@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "ardvex_config.h"
+#include "known_sender_forgery_funcs.h"
 #include "ow_internal.hpp"
 #include "ow_stringutils.h"
 
@@ -124,7 +125,7 @@ constexpr rule_row rule_table[SPAM_RULE_COUNT] = {
     {"valid_from_domain", nullptr, 1, 0, 0, 1,
      ADVISED("Mail from domain [%FROM%] is missing A or MX DNS record.",
              "/best-practices/valid_from_address/")},
-    {"known_sender_forgery", nullptr, 1, 0, 0, 0,
+    {"known_sender_forgery", rule_known_sender_forgery, 1, 0, 0, 0,
      ADVISED("Mail from domain does not match with valid sender source.",
              "/best-practices/known_sender_forgery/")},
     {"local_require_auth", nullptr, 0, 0, 0, 1,
