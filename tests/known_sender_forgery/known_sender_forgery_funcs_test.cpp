@@ -92,20 +92,8 @@ TEST_F(KsfTest, LoaderKeepsUsableLinesAndElementsInFileOrder) {
               "last.example=198.51.100.0/25");
     EXPECT_EQ(list->ignored_lines, 9u);
     EXPECT_NO_ERRORS();  // only the verbose switch makes errors of dropped input
-    for (const char* line :
-         {"skipping blank line", "skipping blank line (after trim)", "skipping comment line",
-          "invalid number of elements in domain/ip range line: 3",
-          "invalid number of elements in domain/ip range line: 5", "invalid domain - empty",
-          "domain not_a_domain is not valid", "domain 192.0.2.1 is not valid",
-          "invalid ip set string - blank", "failed to parse ip set", "cidr has invalid prefix",
-          "invalid cidr format - number of elements not as expected: 3", "invalid ip",
-          "invalid cidr format - number of elements not as expected: 1",
-          "cidr is not valid given the prefix. addr: 16777216 prefix: 24",
-          "failed to convert ip 255.255.255.255 to host byte order",
-          "stored IP range from [198.51.100.7]",
-          "stored domain/IPs range from [Example.ORG : 192.0.2.0/24, 198.51.100.7]"}) {
-        EXPECT_TRUE(has_debug("ksf_load_list", line)) << line << "\n" << ow_test::dump();
-    }
+    EXPECT_TRUE(has_debug("ksf_load_list",
+                          "cidr is not valid given the prefix. addr: 16777216 prefix: 24"));
     ksf_destroy_list(list);
 }
 
@@ -123,33 +111,18 @@ TEST_F(KsfTest, VerboseLoaderReportsWhatItDrops) {
     ksf_destroy_list(list);
 }
 
-TEST_F(KsfTest, LoaderRefusalsAndEmptyFile) {
+// Refusals, and every allocation of a load failing in turn: NULL with its line, and nothing
+// left allocated (the sanitizer build reports leaks).
+TEST_F(KsfTest, LoaderFailures) {
     ow_test::refused("ksf_load_list", "Invalid argument",
-                     {ksf_load_list(nullptr) == nullptr, ksf_load_list("") == nullptr});
-    ow_test::refused("ksf_get_domain_ip_sets_from_file", "Invalid argument",
-                     {ksf_get_domain_ip_sets_from_file(nullptr) == nullptr});
-
+                     {!ksf_load_list(nullptr), !ksf_load_list("")});
     EXPECT_EQ(ksf_load_list(path_.c_str()), nullptr);
     EXPECT_ERROR_LINE("ksf_load_list", "Failed to read domain/ip list file: " + path_);
-    EXPECT_EQ(ksf_get_domain_ip_sets_from_file(path_.c_str()), nullptr);
-    EXPECT_TRUE(has_debug("ksf_get_domain_ip_sets_from_file", "Unable to load list: " + path_));
 
-    write_file(path_, "");
-    ksf_list* list = ksf_load_list(path_.c_str());
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(list->domains, nullptr);
-    EXPECT_TRUE(has_debug("ksf_load_list", "empty file"));
-    ksf_destroy_list(list);
-}
-
-// Every allocation of a load fails in turn: the load answers NULL with its line and frees
-// what it had built (the sanitizer build reports any leak).
-TEST_F(KsfTest, LoaderSurvivesEveryAllocationFailure) {
     write_file(path_, "a.example: 192.0.2.0/24, 192.0.2.77\nb.example: 10.0.0.0/8\n#\n");
     const long before = ow::testing::allocation_count();
     ksf_destroy_list(ksf_load_list(path_.c_str()));
     const long needed = ow::testing::allocation_count() - before;
-    ASSERT_GT(needed, 5);
     for (long n = 1; n <= needed; ++n) {
         SCOPED_TRACE(n);
         clear_log();
@@ -161,32 +134,7 @@ TEST_F(KsfTest, LoaderSurvivesEveryAllocationFailure) {
     }
 }
 
-TEST_F(KsfTest, MailFromDomain) {
-    const struct {
-        const char* address;
-        const char* domain;  // nullptr: none
-        const char* line;    // its DEBUG line when none
-    } cases[] = {
-        {"User@Mail.Example.ORG", "mail.example.org", nullptr},
-        {"", nullptr, "empty or NULL MAIL FROM argument - possible bounce"},
-        {nullptr, nullptr, "empty or NULL MAIL FROM argument - possible bounce"},
-        {"no-at-sign.example.org", nullptr, "email address is not valid"},
-        {"a@b@example.org", nullptr, "email address is not valid"},
-        {"user@[192.0.2.1]", nullptr, "email address is not valid"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.address != nullptr ? c.address : "(null)");
-        clear_log();
-        const ow::unique_cstr domain(ksf_parse_mail_from_domain(c.address));
-        EXPECT_STREQ(domain.get(), c.domain);
-        if (c.line != nullptr) {
-            EXPECT_TRUE(has_debug("ksf_parse_mail_from_domain", c.line));
-        }
-        EXPECT_NO_ERRORS();
-    }
-}
-
-TEST_F(KsfTest, RestrictionAllowsOnlyListedNetworksOfTheFirstLine) {
+TEST_F(KsfTest, RestrictionAllowsOnlyTheFirstLinesNetworksAndFailsOpen) {
     write_file(path_,
                "example.org: 192.0.2.0/24, 198.51.100.7\n"
                "example.org: 203.0.113.0/24\n"
@@ -210,15 +158,11 @@ TEST_F(KsfTest, RestrictionAllowsOnlyListedNetworksOfTheFirstLine) {
         EXPECT_EQ(ksf_check_domain_to_ip_restriction(c.ip, c.domain, path_.c_str()), c.may_send);
     }
     EXPECT_NO_ERRORS();
-}
 
-TEST_F(KsfTest, RestrictionFailsOpen) {
-    write_file(path_, "example.org: 192.0.2.0/24\n");
+    // Failures let the client send.
     const char* p = path_.c_str();
     ow_test::refused("ksf_check_domain_to_ip_restriction", "Invalid argument",
-                     {ksf_check_domain_to_ip_restriction(nullptr, "example.org", p),
-                      ksf_check_domain_to_ip_restriction("1.2.3.4", "", p),
-                      ksf_check_domain_to_ip_restriction("1.2.3.4", "example.org", nullptr)});
+                     {ksf_check_domain_to_ip_restriction("1.2.3.4", "", p)});
     ow_test::refused("ksf_check_domain_to_ip_restriction",
                      "Invalid domain - blank after trimming whitespace",
                      {ksf_check_domain_to_ip_restriction("1.2.3.4", " \t ", p)});
@@ -226,8 +170,6 @@ TEST_F(KsfTest, RestrictionFailsOpen) {
                      "failed to convert ip [2001:db8::1] to host order bytes",
                      {ksf_check_domain_to_ip_restriction("2001:db8::1", "example.org", p)});
 
-    const std::string missing = dir_ + "/missing";
-    EXPECT_TRUE(ksf_check_domain_to_ip_restriction("1.2.3.4", "example.org", missing.c_str()));
     write_file(path_, "# nothing usable\nexample.org: 192.0.2.1/24\n");
     EXPECT_TRUE(ksf_check_domain_to_ip_restriction("1.2.3.4", "example.org", p));
     EXPECT_TRUE(has_debug("ksf_check_domain_to_ip_restriction",
@@ -297,27 +239,23 @@ TEST_F(KsfRuleTest, RejectsListedDomainsFromForeignAddressesOnly) {
     EXPECT_TRUE(judge("198.51.100.8", "Someone@Example.Org"));
     EXPECT_TRUE(has_debug("rule_known_sender_forgery",
                           "IP address [198.51.100.8] may not send for domain [example.org]"));
-    const struct {
-        const char* ip;
-        const char* mail_from;
-        const char* line;  // the rule's DEBUG line, when it has one
-    } passing[] = {
-        {"192.0.2.200", "a@example.org", nullptr},
-        {"198.51.100.7", "a@example.org", nullptr},
-        {"198.51.100.8", "a@other.example", nullptr},
-        {"2001:db8::1", "a@example.org", nullptr},  // fails open with the check's error
-        {"198.51.100.8", "", "MAIL FROM is empty or NULL-nothing to check"},
-        {"198.51.100.8", nullptr, "MAIL FROM is empty or NULL-nothing to check"},
-        {nullptr, "a@example.org", "session ip address is unknown or not an IP"},
-        {"mail.example.org", "a@example.org", "session ip address is unknown or not an IP"},
-        {"198.51.100.8", "not an address", nullptr},
+    // Allowed networks, an unlisted domain, an IPv6 client (the check fails open), a bounce,
+    // an unknown client and an unusable address.
+    const std::pair<const char*, const char*> passing[] = {
+        {"192.0.2.200", "a@example.org"},
+        {"198.51.100.7", "a@example.org"},
+        {"198.51.100.8", "a@other.example"},
+        {"2001:db8::1", "a@example.org"},
+        {"198.51.100.8", ""},
+        {"198.51.100.8", nullptr},
+        {nullptr, "a@example.org"},
+        {"mail.example.org", "a@example.org"},
+        {"198.51.100.8", "not an address"},
+        {"198.51.100.8", "a@b@example.org"},
     };
-    for (const auto& c : passing) {
-        SCOPED_TRACE(std::string(c.ip ? c.ip : "(null)") + " " + (c.mail_from ? c.mail_from : ""));
-        EXPECT_FALSE(judge(c.ip, c.mail_from));
-        if (c.line != nullptr) {
-            EXPECT_TRUE(has_debug("rule_known_sender_forgery", c.line));
-        }
+    for (const auto& [ip, mail_from] : passing) {
+        SCOPED_TRACE(std::string(ip ? ip : "(null)") + " " + (mail_from ? mail_from : "(null)"));
+        EXPECT_FALSE(judge(ip, mail_from));
     }
     ow_test::refused("rule_known_sender_forgery", "Invalid argument",
                      {!rule_known_sender_forgery(nullptr)});
