@@ -145,10 +145,9 @@ TEST_F(KsfTest, RestrictionAllowsOnlyTheFirstLinesNetworksAndFailsOpen) {
         const char* domain;
         bool may_send;
     } cases[] = {
-        {"192.0.2.200", "example.org", true},   {"198.51.100.7", "example.org", true},
-        {"198.51.100.8", "example.org", false}, {"192.0.3.0", "example.org", false},
-        {"203.0.113.5", "example.org", false},  // the second line of the domain does not count
-        {"192.0.2.1", " EXAMPLE.Org ", true},   {"198.51.100.8", "Example.ORG", false},
+        {"192.0.2.200", "example.org", true},   {"198.51.100.7", " EXAMPLE.Org ", true},
+        {"198.51.100.8", "Example.ORG", false}, {"192.0.3.0", "example.org", false},
+        {"203.0.113.5", "example.org", false},   // the second line of the domain does not count
         {"203.0.113.5", "other.example", true},  // not listed: unrestricted
         {"8.8.8.8", "any.example", true},       {"10.21.255.255", "edge.example", true},
         {"10.22.0.0", "edge.example", false},   {"10.19.255.255", "edge.example", false},
@@ -178,22 +177,21 @@ TEST_F(KsfTest, RestrictionAllowsOnlyTheFirstLinesNetworksAndFailsOpen) {
 
 // ---------------------------------------------------------------------------------------
 // The rule reads the suite's real control file. Its directory is made on an overlay of its
-// nearest existing parent (and /tmp becomes a private tmpfs holding the overlay's layers),
-// seen only by this process. False without root.
+// nearest existing parent, whose layers live on a tmpfs over /mnt, seen only by this process.
+// False without root.
 bool private_control_directory() {
     static const bool ready = [] {
         if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0) return false;
         if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
-        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return false;
+        if (mount("tmpfs", "/mnt", "tmpfs", 0, "mode=0755") != 0) return false;
         const fs::path control = fs::path(ARDVEX_CONTROL_DIR).parent_path();  // drops the "/"
         fs::path base = control;
         while (!fs::exists(base)) base = base.parent_path();
         if (base == base.root_path()) return false;
-        fs::create_directories("/tmp/ksf_overlay/upper");
-        fs::create_directories("/tmp/ksf_overlay/work");
+        fs::create_directories("/mnt/upper");
+        fs::create_directories("/mnt/work");
         const std::string options =
-            "lowerdir=" + base.string() +
-            ",upperdir=/tmp/ksf_overlay/upper,workdir=/tmp/ksf_overlay/work";
+            "lowerdir=" + base.string() + ",upperdir=/mnt/upper,workdir=/mnt/work";
         if (mount("overlay", base.c_str(), "overlay", 0, options.c_str()) != 0) return false;
         std::error_code ec;
         return fs::create_directories(control, ec) || fs::is_directory(control);
@@ -201,60 +199,42 @@ bool private_control_directory() {
     return ready;
 }
 
-class KsfRuleTest : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        if (!private_control_directory()) GTEST_SKIP() << "needs root for a private /etc";
-        fs::remove(control_file_);
-        ow_list* rules = build_rule_list();
-        const ow_list* row = ow_list_search(rules, "known_sender_forgery",
-                                            sizeof "known_sender_forgery", rule_name_compare);
-        ASSERT_NE(row, nullptr);
-        check_ = static_cast<const spam_rule*>(row->data)->check;
-        ow_destroy_list(&rules, free_rule);
-        ASSERT_EQ(check_, rule_known_sender_forgery);
-    }
-    void TearDown() override {
-        std::free(session_.mail_from);
-        LogCaptureTest::TearDown();
-    }
-    bool judge(const char* ip, const char* mail_from) {
-        std::free(session_.mail_from);
-        session_.mail_from = mail_from != nullptr ? strdup(mail_from) : nullptr;
-        session_.ip = const_cast<char*>(ip);
-        return check_(&session_);
-    }
-    const std::string control_file_ = std::string(ARDVEX_CONTROL_DIR) + "valid_domain_ips";
-    spam_session session_{};
-    spam_rule_check_fn check_ = nullptr;
-};
+TEST_F(KsfTest, RuleRejectsListedDomainsFromForeignAddressesOnly) {
+    if (!private_control_directory()) GTEST_SKIP() << "needs root for a private /etc";
+    const std::string control_file = std::string(ARDVEX_CONTROL_DIR) + "valid_domain_ips";
+    fs::remove(control_file);
+    ow_list* rules = build_rule_list();
+    const ow_list* row = ow_list_search(rules, "known_sender_forgery",
+                                        sizeof "known_sender_forgery", rule_name_compare);
+    const spam_rule_check_fn check =
+        row ? static_cast<const spam_rule*>(row->data)->check : nullptr;
+    ow_destroy_list(&rules, free_rule);
+    ASSERT_EQ(check, rule_known_sender_forgery);
+    const auto judge = [check](const char* ip, const char* mail_from) {
+        std::string from = mail_from != nullptr ? mail_from : "";
+        spam_session s{};
+        s.ip = const_cast<char*>(ip);
+        s.mail_from = mail_from != nullptr ? from.data() : nullptr;
+        return check(&s);
+    };
 
-TEST_F(KsfRuleTest, RejectsListedDomainsFromForeignAddressesOnly) {
-    EXPECT_FALSE(judge("198.51.100.8", "a@example.org"));
-    EXPECT_TRUE(
-        has_debug("rule_known_sender_forgery", "valid_domain_ips files not set or missing"));
-
-    write_file(control_file_, "example.org: 192.0.2.0/24, 198.51.100.7\n");
+    EXPECT_FALSE(judge("198.51.100.8", "a@example.org"));  // no control file: the rule is off
+    write_file(control_file, "example.org: 192.0.2.0/24, 198.51.100.7\n");
     EXPECT_TRUE(judge("198.51.100.8", "Someone@Example.Org"));
     EXPECT_TRUE(has_debug("rule_known_sender_forgery",
                           "IP address [198.51.100.8] may not send for domain [example.org]"));
-    // Allowed networks, an unlisted domain, an IPv6 client (the check fails open), a bounce,
-    // an unknown client and an unusable address.
+    // An allowed address, an IPv6 client (the check fails open), a bounce, an unknown client
+    // and unusable addresses.
     const std::pair<const char*, const char*> passing[] = {
-        {"192.0.2.200", "a@example.org"},
         {"198.51.100.7", "a@example.org"},
-        {"198.51.100.8", "a@other.example"},
         {"2001:db8::1", "a@example.org"},
         {"198.51.100.8", ""},
-        {"198.51.100.8", nullptr},
         {nullptr, "a@example.org"},
         {"mail.example.org", "a@example.org"},
-        {"198.51.100.8", "not an address"},
         {"198.51.100.8", "a@b@example.org"},
     };
     for (const auto& [ip, mail_from] : passing) {
-        SCOPED_TRACE(std::string(ip ? ip : "(null)") + " " + (mail_from ? mail_from : "(null)"));
+        SCOPED_TRACE(std::string(ip ? ip : "(null)") + " " + mail_from);
         EXPECT_FALSE(judge(ip, mail_from));
     }
     ow_test::refused("rule_known_sender_forgery", "Invalid argument",
