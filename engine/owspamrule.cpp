@@ -8,8 +8,10 @@
 #include <cstring>
 #include <string_view>
 
+#include "ardvex-rule-lists.h"
 #include "ardvex-rules.h"
 #include "ardvex_config.h"
+#include "known_sender_forgery_funcs.h"
 #include "ow_internal.hpp"
 #include "ow_stringutils.h"
 
@@ -72,9 +74,9 @@ struct rule_row {
 constexpr rule_row rule_table[SPAM_RULE_COUNT] = {
     {"inbound", nullptr, 1, 1, 0, 0, "Server %IP% has sent too much mail. Try again later."},
     {"outbound", nullptr, 1, 1, 1, 1, "You have sent too much mail. Try again later."},
-    {"to_whitelist", nullptr, 1, 1, 1, 1, "whitelist"},
-    {"from_whitelist", nullptr, 1, 0, 1, 1, "whitelisted"},
-    {"ip_whitelist", nullptr, 1, 1, 1, 1, "whitelisted"},
+    {"to_whitelist", rule_to_whitelist, 1, 1, 1, 1, "whitelist"},
+    {"from_whitelist", rule_from_whitelist, 1, 0, 1, 1, "whitelisted"},
+    {"ip_whitelist", rule_ip_whitelist, 1, 1, 1, 1, "whitelisted"},
     {"block_lists", nullptr, 0, 1, 0, 0, abusive_ip_notice},
     {"block_rbl_lists", nullptr, 0, 1, 0, 0, abusive_ip_notice},
     {"block_all_mail", rule_block_all_mail, 1, 0, 0, 1,
@@ -113,20 +115,20 @@ constexpr rule_row rule_table[SPAM_RULE_COUNT] = {
              "in the past.",
              "/best-practices/check_reverse_dns_list/")},
     {"check_confirmed_dyna", rule_check_confirmed_dyna, 0, 1, 0, 0, dynamic_rdns_notice},
-    {"ip_blacklist", nullptr, 1, 1, 0, 1, recipient_blacklist_notice},
-    {"from_blacklist", nullptr, 1, 0, 0, 1, recipient_blacklist_notice},
-    {"helo_blacklist", nullptr, 1, 1, 0, 1,
+    {"ip_blacklist", rule_ip_blacklist, 1, 1, 0, 1, recipient_blacklist_notice},
+    {"from_blacklist", rule_from_blacklist, 1, 0, 0, 1, recipient_blacklist_notice},
+    {"helo_blacklist", rule_helo_blacklist, 1, 1, 0, 1,
      ADVISED("Your server has been blacklisted.", "/best-practices/empowering-your-users/")},
-    {"country_blacklist", nullptr, 0, 1, 0, 0,
+    {"country_blacklist", rule_country_blacklist, 0, 1, 0, 0,
      ADVISED("Your country has been blacklisted.", "/best-practices/empowering-your-users/")},
-    {"helo_whitelist", nullptr, 1, 1, 0, 1, "whitelisted"},
+    {"helo_whitelist", rule_helo_whitelist, 1, 1, 0, 1, "whitelisted"},
     {"resolve_helo_domain", rule_resolve_helo_domain, 0, 0, 0, 1,
      ADVISED("HELO argument [%HELO%] is missing a DNS entry.",
              "/best-practices/resolve-helo-identifier/")},
     {"valid_from_domain", rule_valid_from_domain, 1, 0, 0, 1,
      ADVISED("Mail from domain [%FROM%] is missing A or MX DNS record.",
              "/best-practices/valid_from_address/")},
-    {"known_sender_forgery", nullptr, 1, 0, 0, 0,
+    {"known_sender_forgery", rule_known_sender_forgery, 1, 0, 0, 0,
      ADVISED("Mail from domain does not match with valid sender source.",
              "/best-practices/known_sender_forgery/")},
     {"local_require_auth", rule_local_require_auth, 0, 0, 0, 1,
