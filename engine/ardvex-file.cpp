@@ -365,6 +365,9 @@ int __wildcardmatch(const char* pattern, const char* text) {
     char* out = expr;
     *out++ = '^';
     for (const char* p = pattern; *p != '\0'; ++p) {
+        // A run of '*' matches what one does; as ".*.*..." it would make the matcher try
+        // every way of splitting the text between them.
+        if (*p == '*' && p != pattern && p[-1] == '*') continue;
         if (*p == '*' || *p == '.') *out++ = *p == '*' ? '.' : '\\';
         *out++ = *p;
     }

@@ -84,6 +84,8 @@ TEST_F(ListFileTest, WildcardPatterns) {
     }
     EXPECT_TRUE(ow_test::has_debug("__regexmatch",
                                    "got a match [a@mx.example.com] => [^.*@.*\\.example\\.com$]"));
+    EXPECT_EQ(__wildcardmatch("a***b", "axxb"), 0);  // a run of stars is one: no backtracking
+    EXPECT_TRUE(ow_test::has_debug("__regexmatch", "got a match [axxb] => [^a.*b$]"));
     EXPECT_NO_ERRORS();
     ow_test::refused("__wildcardmatch", inval,
                      {__wildcardmatch(nullptr, "a") != 0, __wildcardmatch("*", "") != 0});
