@@ -51,9 +51,6 @@ TEST_F(Base64, Rfc4648VectorsAndUnsignedBytes) {
     // Length 0 takes the string length.
     ASSERT_TRUE(ow_base64_encode_ex(&out_, "Man", 0));
     EXPECT_STREQ(out_, "TWFu");
-    EXPECT_TRUE(ow_test::has_debug("ow_base64_encode_ex", "encoded [Man] to [TWFu]"));
-    EXPECT_EQ(decode("TWFu"), "Man");
-    EXPECT_TRUE(ow_test::has_debug("ow_base64_decode_ex", "decoded [TWFu] to [Man]"));
 }
 
 TEST_F(Base64, EveryLengthRoundTrips) {
@@ -88,12 +85,10 @@ TEST_F(Base64, DecoderStopsAtPaddingAndRefusesStrangers) {
 TEST_F(Base64, RefusalsAndOutOfMemory) {
     uint64_t length = 0;
     ow_test::refused("ow_base64_encode_ex", std::strerror(EINVAL),
-                     {!ow_base64_encode_ex(nullptr, "x", 1),
-                      !ow_base64_encode_ex(&out_, nullptr, 1), !ow_base64_encode_ex(&out_, "", 0)});
+                     {!ow_base64_encode_ex(nullptr, "x", 1), !ow_base64_encode_ex(&out_, "", 0)});
     ow_test::refused(
         "ow_base64_decode_ex", std::strerror(EINVAL),
-        {!ow_base64_decode_ex(nullptr, "TWFu", &length),
-         !ow_base64_decode_ex(&out_, nullptr, &length), !ow_base64_decode_ex(&out_, "", &length)});
+        {!ow_base64_decode_ex(nullptr, "TWFu", &length), !ow_base64_decode_ex(&out_, "", &length)});
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_base64_encode_ex(&out_, "x", 1));
     ow::testing::fail_allocation(1);
