@@ -1,5 +1,5 @@
-// Tests of base64: the RFC 4648 vectors both ways, every length and padding case as a round
-// trip, the decoder's stopping and refusal rules, and the failure lines.
+// Tests of base64: the RFC 4648 vectors both ways (every padding case), the
+// decoder's stopping and refusal rules, and the failure lines.
 #include "ow_b64.h"
 
 #include <cstdlib>
@@ -51,16 +51,6 @@ TEST_F(Base64, Rfc4648VectorsAndUnsignedBytes) {
     // Length 0 takes the string length.
     ASSERT_TRUE(ow_base64_encode_ex(&out_, "Man", 0));
     EXPECT_STREQ(out_, "TWFu");
-}
-
-TEST_F(Base64, EveryLengthRoundTrips) {
-    std::string bytes;
-    for (int i = 0; i < 300; ++i) {
-        bytes.push_back(static_cast<char>(i * 37 + 11));
-        const std::string text = encode(bytes);
-        ASSERT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
-        ASSERT_EQ(decode(text.c_str()), bytes);
-    }
 }
 
 TEST_F(Base64, DecoderStopsAtPaddingAndRefusesStrangers) {

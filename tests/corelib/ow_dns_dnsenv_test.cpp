@@ -60,10 +60,14 @@ TEST_F(DnsLiveTest, AddressLookupCountsEitherFamily) {
         const char* domain;
         int32_t verdict;
     } cases[] = {
-        {"a.plain.test", 0},           {"aaaa.plain.test", 0},      {"cname.plain.test", 0},
-        {"nx.plain.test", 1},          {"mx.plain.test", 2},  // the name exists without an address:
-                                                              // EAI_NODATA
-        {"servfail.scripted.test", 2}, {"silent.scripted.test", 2},
+        {"a.plain.test", 0},
+        {"aaaa.plain.test", 0},
+        {"cname.plain.test", 0},
+        {"nx.plain.test", 1},
+        {"mx.plain.test", 2},  // the name exists without an address:
+                               // EAI_NODATA
+        {"servfail.scripted.test", 2},
+        {"silent.scripted.test", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.domain);

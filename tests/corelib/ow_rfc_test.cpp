@@ -212,14 +212,12 @@ TEST_F(RfcTest, IpClassification) {
 
 TEST_F(RfcTest, RefusedArguments) {
     const std::string inval = std::strerror(EINVAL);
-    refused("ow_extract_address_from_mailbox", inval, {!extract(nullptr), !extract("")});
-    refused("ow_parse_addresses_from_header", inval,
-            {!ow_parse_addresses_from_header(nullptr), !ow_parse_addresses_from_header("")});
+    refused("ow_extract_address_from_mailbox", inval, {!extract("")});
+    refused("ow_parse_addresses_from_header", inval, {!ow_parse_addresses_from_header("")});
     refused("ow_split_addresses", inval, {!ow_split_addresses(nullptr)});
-    refused("ow_is_ip", inval, {!ow_is_ip(nullptr), !ow_is_ip("")});
-    refused("ow_is_ipv6", inval, {!ow_is_ipv6(nullptr), !ow_is_ipv6("")});
-    refused("ow_is_unroutable_ip", inval,
-            {!ow_is_unroutable_ip(nullptr), !ow_is_unroutable_ip("")});
+    refused("ow_is_ip", inval, {!ow_is_ip("")});
+    refused("ow_is_ipv6", inval, {!ow_is_ipv6("")});
+    refused("ow_is_unroutable_ip", inval, {!ow_is_unroutable_ip("")});
     EXPECT_EQ(extract(" (gone) "), std::nullopt);
     refused("ow_extract_address_from_mailbox", "zero length address", {true});
 }
