@@ -7,10 +7,12 @@
 #include "tiny_rex.h"
 
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "ow_internal.hpp"
 
@@ -589,66 +591,73 @@ char* wrap_pattern(std::string_view pattern) {
 // ---------------------------------------------------------------------------------------
 // Validation: the one gate every node passes before the matcher uses its fields.
 
-static bool __trex_node_is_valid(const TRex* exp, const TRexNode* node) {
+// report: false when the caller only wants the verdict (preparing a pattern), not a line.
+static bool __trex_node_is_valid(const TRex* exp, const TRexNode* node, bool report) {
     if (exp == nullptr) {
-        OW_ERROR("TRex* is NULL");
+        if (report) OW_ERROR("TRex* is NULL");
         return false;
     }
     if (node == nullptr) {
-        OW_ERROR("node is NULL");
+        if (report) OW_ERROR("node is NULL");
         return false;
     }
     const int32_t type = node->type;
     const bool left_is_char =
         type == OP_RANGE || type == OP_WORD_BLOCK || type == OP_CHARACTER_CLASS;
     if (!left_is_char && node->left >= 0 && node->left >= exp->nallocated) {
-        OW_ERROR("corrupt regex: node->left is out of range %d > %d", node->left, exp->nallocated);
+        if (report)
+            OW_ERROR("corrupt regex: node->left is out of range %d > %d", node->left,
+                     exp->nallocated);
         return false;
     }
     const bool right_is_value = type == OP_GREEDY || type == OP_RANGE;
     if (!right_is_value && node->right >= 0 && node->right >= exp->nallocated) {
-        OW_ERROR("corrupt regex: node->right is out of range %d > %d", node->right,
-                 exp->nallocated);
+        if (report)
+            OW_ERROR("corrupt regex: node->right is out of range %d > %d", node->right,
+                     exp->nallocated);
         return false;
     }
     if (node->next >= 0 && node->next >= exp->nallocated) {
-        OW_ERROR("corrupt regex: node->next is out of range %d > %d", node->next, exp->nallocated);
+        if (report)
+            OW_ERROR("corrupt regex: node->next is out of range %d > %d", node->next,
+                     exp->nallocated);
         return false;
     }
     switch (type) {
         case OP_GREEDY: {
             // -1 is "unused"; any other bit pattern is a pair of bounds.
             if (node->right == -1) {
-                OW_ERROR("greedy operator must have value in 'right'");
+                if (report) OW_ERROR("greedy operator must have value in 'right'");
                 return false;
             }
             if (node->left < 0) {
-                OW_ERROR("greedy operator must have value in 'left'");
+                if (report) OW_ERROR("greedy operator must have value in 'left'");
                 return false;
             }
             const uint32_t min = bounds_min(node->right);
             const uint32_t max = bounds_max(node->right);
             if (min > max) {
-                OW_ERROR("greedy operator range %d - %d is invalid", static_cast<int>(min),
-                         static_cast<int>(max));
+                if (report)
+                    OW_ERROR("greedy operator range %d - %d is invalid", static_cast<int>(min),
+                             static_cast<int>(max));
                 return false;
             }
             return true;
         }
         case OP_OR:
             if (node->left < 0) {
-                OW_ERROR("OR operator must have value in 'left'");
+                if (report) OW_ERROR("OR operator must have value in 'left'");
                 return false;
             }
             if (node->right < 0) {
-                OW_ERROR("OR operator must have value in 'right'");
+                if (report) OW_ERROR("OR operator must have value in 'right'");
                 return false;
             }
             return true;
         case OP_EXPRESSION:
         case OP_EXPRESSION_ALT:
             if (node->left < 0) {
-                OW_ERROR("expr () operator must have value in 'left'");
+                if (report) OW_ERROR("expr () operator must have value in 'left'");
                 return false;
             }
             return true;
@@ -656,17 +665,17 @@ static bool __trex_node_is_valid(const TRex* exp, const TRexNode* node) {
         case OP_CHARACTER_CLASS:
         case OP_NON_MATCH_CLASS:
             if (node->left < 0) {
-                OW_ERROR("class operator must have value in 'left'");
+                if (report) OW_ERROR("class operator must have value in 'left'");
                 return false;
             }
             return true;
         case OP_RANGE:
             if (node->left < 0) {
-                OW_ERROR("range operator must have value in 'left'");
+                if (report) OW_ERROR("range operator must have value in 'left'");
                 return false;
             }
             if (node->right < 0) {
-                OW_ERROR("range operator must have value in 'right'");
+                if (report) OW_ERROR("range operator must have value in 'right'");
                 return false;
             }
             return true;
@@ -685,6 +694,349 @@ static bool __trex_node_is_valid(const TRex* exp, const TRexNode* node) {
 
 namespace {
 
+// Marks walk_entered() leaves on the nodes it visited.
+constexpr uint8_t kChecked = 1;   // passed validation
+constexpr uint8_t kFollowed = 2;  // entered as part of a sequence, its links followed
+
+// Scratch for walk_entered(): a stack of pending visits, then a mark per node. Every node is
+// followed once and adds at most three visits, so 3 * count + 1 stack entries suffice.
+std::size_t walk_scratch_bytes(int32_t count) {
+    const auto n = static_cast<std::size_t>(count);
+    return (3 * n + 1) * sizeof(uint32_t) + n;
+}
+
+const uint8_t* walk_marks(const void* scratch, int32_t count) {
+    return reinterpret_cast<const uint8_t*>(static_cast<const uint32_t*>(scratch) +
+                                            3 * static_cast<std::size_t>(count) + 1);
+}
+
+// Visits, from the root, every node the matcher can enter: the next node of each sequence
+// node, the operands of repetitions, alternatives and groups, and the first member of a class
+// (the further members are read but never entered, so they are not checked here either).
+// False at the first node refused. scratch holds walk_scratch_bytes(nallocated) bytes; on
+// success walk_marks() of it tells which nodes were visited.
+bool walk_entered(const TRex* exp, void* scratch, bool report) {
+    const int32_t count = exp->nodes != nullptr ? exp->nallocated : 0;
+    if (count <= 0) return __trex_node_is_valid(exp, nullptr, report);
+    const auto n_nodes = static_cast<std::size_t>(count);
+    auto* stack = static_cast<uint32_t*>(scratch);
+    auto* marks = reinterpret_cast<uint8_t*>(stack + 3 * n_nodes + 1);
+    std::memset(marks, 0, n_nodes);
+    std::size_t top = 0;
+    // An entry is a node index times two, plus one when the node is followed as part of a
+    // sequence rather than read as a class member.
+    const auto push = [stack, &top](int32_t i, bool sequence) {
+        if (i >= 0) stack[top++] = static_cast<uint32_t>(i) * 2u + (sequence ? 1u : 0u);
+    };
+    push(0, true);
+    while (top > 0) {
+        const uint32_t entry = stack[--top];
+        const auto i = static_cast<int32_t>(entry / 2);
+        assert(i < count);  // every pushed index passed its parent's range checks
+        const TRexNode& n = exp->nodes[i];
+        if ((marks[i] & kChecked) == 0) {
+            if (!__trex_node_is_valid(exp, &n, report)) return false;
+            marks[i] |= kChecked;
+        }
+        if ((entry & 1u) == 0 || (marks[i] & kFollowed) != 0) continue;
+        marks[i] |= kFollowed;
+        push(n.next, true);
+        switch (n.type) {
+            case OP_GREEDY:
+            case OP_EXPRESSION:
+            case OP_EXPRESSION_ALT:
+                push(n.left, true);
+                break;
+            case OP_OR:
+                push(n.left, true);
+                push(n.right, true);
+                break;
+            case OP_CLASS:
+            case OP_NON_MATCH_CLASS:
+                push(n.left, false);
+                break;
+            default:
+                break;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------------------
+// Prepared facts. A pattern made by trex_compile_ex() or read by trs_next() carries, behind
+// the last node of its array and in the same block (so whoever frees the nodes frees them
+// too), what the matcher would otherwise rediscover on every call: that every node it can
+// enter is valid, which bytes each class takes, which bytes a match can begin with, and
+// literal text a matching subject must end with or contain. The record's cursor, unused once
+// compilation ends, points at them. A record whose cursor does not point just behind its own
+// array takes the plain path, which checks each node as it enters it. The facts only turn a
+// subject down before matching starts or replace a walk by a lookup that counts the same
+// steps, so both paths give the same answer and hit TREX_MAX_STEPS at the same point.
+
+constexpr uint32_t kPreparedMagic = 0x54526578;
+constexpr int32_t kMaxPreparedNodes = 16384;  // beyond this the facts cost more than they save
+constexpr int32_t kMaxMemberVisits = 65536;   // bounds the class work for a hostile array
+constexpr int kMaxLiteral = 32;
+constexpr int kMaxFirstDepth = 32;  // nodes looked through for the first byte
+
+struct byte_set {
+    uint64_t bits[4];
+
+    bool has(unsigned char c) const { return ((bits[c >> 6] >> (c & 63)) & 1) != 0; }
+    void add(unsigned char c) { bits[c >> 6] |= uint64_t{1} << (c & 63); }
+    void merge(const byte_set& o) {
+        for (int k = 0; k < 4; ++k) bits[k] |= o.bits[k];
+    }
+};
+
+// Per node: the set of bytes some member of a class takes, and the steps the member walk
+// counts when none does.
+struct class_facts {
+    int32_t set;  // index into the sets, -1 for a node that is not a reachable class
+    int32_t miss_steps;
+};
+
+struct prepared {
+    uint32_t magic;
+    int32_t count;          // the nallocated it was built for
+    const TRexNode* nodes;  // the array it lies behind
+    bool exact;             // built for an exact case mode
+    bool has_start;         // a match must begin with a byte of start
+    uint8_t suffix_len;     // a matching subject ends with suffix
+    uint8_t required_len;   // a matching subject contains required
+    byte_set start;
+    char suffix[kMaxLiteral];  // folded unless exact
+    char required[kMaxLiteral];
+
+    // Behind the header: class_facts[count], then the byte sets, then walk scratch.
+    class_facts* facts() { return reinterpret_cast<class_facts*>(this + 1); }
+    const class_facts* facts() const { return reinterpret_cast<const class_facts*>(this + 1); }
+    byte_set* sets() { return reinterpret_cast<byte_set*>(facts() + count); }
+    const byte_set* sets() const { return reinterpret_cast<const byte_set*>(facts() + count); }
+};
+
+// Whether one class member takes byte c.
+bool member_matches(const TRexNode& member, unsigned char c, bool exact) {
+    if (member.type == OP_RANGE) {
+        const int ch = exact ? c : fold(c);
+        const int lo = exact ? member.left : fold(member.left);
+        const int hi = exact ? member.right : fold(member.right);
+        return lo <= ch && ch <= hi;
+    }
+    if (member.type == OP_CHARACTER_CLASS) return class_letter_matches(member.left, c);
+    return member.type == c;
+}
+
+constexpr bool is_character(int32_t type) { return type >= 0 && type < 256; }
+
+// The bytes a single-position node takes (a subject never holds NUL before its end); false
+// for nodes that take no byte or whose answer depends on the position.
+bool accepted_bytes(const prepared& p, int32_t i, byte_set* out) {
+    const TRexNode& n = p.nodes[i];
+    byte_set set{};
+    for (int c = 1; c < 256; ++c) {
+        const auto b = static_cast<unsigned char>(c);
+        bool yes = false;
+        if (is_character(n.type)) {
+            yes = p.exact ? n.type == c : fold(n.type) == fold(c);
+        } else if (n.type == OP_ANY) {
+            yes = true;
+        } else if (n.type == OP_CHARACTER_CLASS) {
+            yes = class_letter_matches(n.left, b);
+        } else if (n.type == OP_CLASS || n.type == OP_NON_MATCH_CLASS) {
+            yes = p.sets()[p.facts()[i].set].has(b) == (n.type == OP_CLASS);
+        } else {
+            return false;
+        }
+        if (yes) set.add(b);
+    }
+    out->merge(set);
+    return true;
+}
+
+// Adds to out the bytes that any match of the sequence at node i, begun at the start of the
+// subject, consumes first; false when no such set is known. Only ever asked at the start, where
+// "^" consumes nothing and always holds.
+bool start_bytes(const prepared& p, int32_t i, int depth, byte_set* out) {
+    if (depth > kMaxFirstDepth) return false;
+    const TRexNode& n = p.nodes[i];
+    switch (n.type) {
+        case OP_BOL:
+            return n.next >= 0 && start_bytes(p, n.next, depth + 1, out);
+        case OP_EXPRESSION:
+        case OP_EXPRESSION_ALT:
+            return start_bytes(p, n.left, depth + 1, out);
+        case OP_OR:
+            return start_bytes(p, n.left, depth + 1, out) &&
+                   start_bytes(p, n.right, depth + 1, out);
+        case OP_GREEDY:
+            // The first repetition is required, and it starts where the node does.
+            return bounds_min(n.right) > 0 && start_bytes(p, n.left, depth + 1, out);
+        default:
+            return accepted_bytes(p, i, out);
+    }
+}
+
+// Copies up to kMaxLiteral characters of the run of len character nodes starting at node i,
+// skipping the first skip of them.
+uint8_t copy_run(const prepared& p, int32_t i, int len, int skip, char* out) {
+    uint8_t n = 0;
+    for (int k = 0; k < len && n < kMaxLiteral; ++k, i = p.nodes[i].next) {
+        if (k < skip) continue;
+        const int32_t c = p.nodes[i].type;
+        out[n++] = static_cast<char>(p.exact ? c : fold(c));
+    }
+    return n;
+}
+
+// The literal runs of the whole pattern's own sequence: every node of it consumes its part
+// of the subject in order, so the run just before a final "$" ends every matching subject
+// and any other run occurs in it.
+void find_literals(prepared* p) {
+    struct run {
+        int32_t first = -1;
+        int len = 0;
+    };
+    run current, longest, suffix;
+    int32_t walked = 0;
+    for (int32_t i = p->nodes[0].left; i >= 0; i = p->nodes[i].next) {
+        if (++walked > p->count) return;  // a sequence that loops never ends a match
+        const TRexNode& n = p->nodes[i];
+        if (is_character(n.type)) {
+            if (current.len == 0) current.first = i;
+            ++current.len;
+            continue;
+        }
+        if (n.type == OP_EOL && n.next < 0) suffix = current;
+        if (current.len > longest.len) longest = current;
+        current = run{};
+    }
+    if (current.len > longest.len) longest = current;
+    if (suffix.len > 0) {
+        p->suffix_len =
+            copy_run(*p, suffix.first, suffix.len,
+                     suffix.len > kMaxLiteral ? suffix.len - kMaxLiteral : 0, p->suffix);
+    }
+    if (longest.len > 0 && longest.first != suffix.first) {
+        p->required_len = copy_run(*p, longest.first, longest.len, 0, p->required);
+    }
+}
+
+std::size_t prepared_bytes(int32_t count) {
+    const auto n = static_cast<std::size_t>(count);
+    return sizeof(prepared) + n * (sizeof(class_facts) + sizeof(byte_set)) +
+           walk_scratch_bytes(count);
+}
+
+// Builds the facts behind exp's node array, which has room for prepared_bytes(nallocated)
+// more bytes. Leaves cursor NULL, and the pattern on the plain path, when the array is too
+// large, holds a node the matcher would refuse, or has classes too long to tabulate.
+void prepare(TRex* exp) {
+    exp->cursor = nullptr;
+    const int32_t count = exp->nallocated;
+    if (exp->nodes == nullptr || count <= 0 || count > kMaxPreparedNodes) return;
+    auto* p = new (exp->nodes + count) prepared{};
+    p->count = count;
+    p->nodes = exp->nodes;
+    p->exact = exp->case_mode != 0;
+    class_facts* facts = p->facts();
+    byte_set* sets = p->sets();
+    void* scratch = sets + count;
+    if (!walk_entered(exp, scratch, false)) return;
+    const uint8_t* marks = walk_marks(scratch, count);
+
+    int32_t nsets = 0;
+    int32_t visits = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        facts[i] = class_facts{-1, 0};
+        const TRexNode& n = exp->nodes[i];
+        if ((marks[i] & kChecked) == 0 || (n.type != OP_CLASS && n.type != OP_NON_MATCH_CLASS)) {
+            continue;
+        }
+        // The same walk as class_matches(), over every byte at once.
+        byte_set set{};
+        int32_t member = n.left;
+        int32_t walked = 0;
+        for (; walked < count; ++walked) {
+            if (++visits > kMaxMemberVisits) return;
+            const TRexNode& m = exp->nodes[member];
+            for (int c = 1; c < 256; ++c) {
+                if (member_matches(m, static_cast<unsigned char>(c), p->exact)) {
+                    set.add(static_cast<unsigned char>(c));
+                }
+            }
+            member = m.next;
+            if (member < 0 || member >= count) break;
+        }
+        facts[i] = class_facts{nsets, walked};
+        sets[nsets++] = set;
+    }
+
+    byte_set start{};
+    if (start_bytes(*p, exp->nodes[0].left, 0, &start)) {
+        p->has_start = true;
+        p->start = start;
+    }
+    find_literals(p);
+    p->magic = kPreparedMagic;
+    exp->cursor = reinterpret_cast<const char*>(p);
+}
+
+// The facts of exp, or nullptr for the plain path.
+const prepared* prepared_of(const TRex* exp) {
+    if (exp->cursor == nullptr || exp->nodes == nullptr || exp->nallocated <= 0 ||
+        exp->cursor != reinterpret_cast<const char*>(exp->nodes + exp->nallocated)) {
+        return nullptr;
+    }
+    const auto* p = reinterpret_cast<const prepared*>(exp->cursor);
+    if (p->magic != kPreparedMagic || p->nodes != exp->nodes || p->count != exp->nallocated ||
+        p->exact != (exp->case_mode != 0)) {
+        return nullptr;
+    }
+    return p;
+}
+
+bool ends_with(const prepared& p, const char* bol, const char* eol) {
+    if (eol - bol < p.suffix_len) return false;
+    const char* s = eol - p.suffix_len;
+    for (int k = 0; k < p.suffix_len; ++k) {
+        const auto c = static_cast<unsigned char>(s[k]);
+        if ((p.exact ? c : fold(c)) != static_cast<unsigned char>(p.suffix[k])) return false;
+    }
+    return true;
+}
+
+bool contains(const prepared& p, const char* bol, const char* eol) {
+    const std::ptrdiff_t n = p.required_len;
+    const auto first = static_cast<unsigned char>(p.required[0]);
+    for (const char* s = bol; eol - s >= n; ++s) {
+        const auto c = static_cast<unsigned char>(*s);
+        if ((p.exact ? c : fold(c)) != first) continue;
+        std::ptrdiff_t k = 1;
+        for (; k < n; ++k) {
+            const auto d = static_cast<unsigned char>(s[k]);
+            if ((p.exact ? d : fold(d)) != static_cast<unsigned char>(p.required[k])) break;
+        }
+        if (k == n) return true;
+    }
+    return false;
+}
+
+// False when the facts alone rule the subject out.
+bool may_match(const prepared& p, const char* bol, const char* eol) {
+    if (p.has_start && !p.start.has(static_cast<unsigned char>(*bol))) return false;
+    if (p.suffix_len > 0 && !ends_with(p, bol, eol)) return false;
+    return p.required_len == 0 || contains(p, bol, eol);
+}
+
+}  // namespace
+
+namespace {
+
 // ---------------------------------------------------------------------------------------
 // Matcher.
 
@@ -698,6 +1050,7 @@ struct cont {
 
 struct matcher {
     TRex* exp;
+    const prepared* prep;  // nullptr: the plain path
     const TRexNode* nodes;
     int32_t count;  // nallocated: every index must be below it
     const char* bol;
@@ -714,13 +1067,15 @@ struct matcher {
     static constexpr int32_t kCheckedBits = 4096;
     uint64_t checked[kCheckedBits / 64];
 
-    matcher(TRex* e, const char* subject, const char* end)
+    matcher(TRex* e, const prepared* p, const char* subject, const char* end)
         : exp(e),
+          prep(p),
           nodes(e->nodes),
           count(e->nodes != nullptr ? e->nallocated : 0),
           bol(subject),
           eol(end),
           exact(e->case_mode != 0) {
+        if (prep != nullptr) return;  // checked is only used on the plain path
         // Only the words a pattern of this size can use need clearing.
         const int32_t used = count < kCheckedBits ? (count > 0 ? count : 0) : kCheckedBits;
         std::memset(checked, 0, sizeof(uint64_t) * static_cast<std::size_t>((used + 63) / 64));
@@ -772,7 +1127,8 @@ const TRexNode* enter_slow(matcher& m, int32_t i) {
         return nullptr;
     }
     const TRexNode* node = (i >= 0 && i < m.count) ? &m.nodes[i] : nullptr;
-    if ((node == nullptr || !plainly_valid(*node, m.count)) && !__trex_node_is_valid(m.exp, node)) {
+    if ((node == nullptr || !plainly_valid(*node, m.count)) &&
+        !__trex_node_is_valid(m.exp, node, true)) {
         TREX_MATCH_ERROR("%s", std::strerror(EINVAL));
         m.abandoned = true;
         return nullptr;
@@ -784,6 +1140,11 @@ const TRexNode* enter_slow(matcher& m, int32_t i) {
 // Validates node i before its fields are used; nullptr ends the match.
 inline const TRexNode* enter(matcher& m, int32_t i) {
     ++m.steps;
+    if (m.prep != nullptr) {
+        // Every node the match can reach passed the check when the pattern was prepared.
+        if (m.steps <= TREX_MAX_STEPS && !m.abandoned) return &m.nodes[i];
+        return enter_slow(m, i);
+    }
     // i < count first: the words of checked beyond the pattern's size are never cleared.
     if (i >= 0 && i < m.count && i < matcher::kCheckedBits &&
         (m.checked[i / 64] >> (i % 64) & 1) != 0 && m.steps <= TREX_MAX_STEPS && !m.abandoned) {
@@ -792,22 +1153,19 @@ inline const TRexNode* enter(matcher& m, int32_t i) {
     return enter_slow(m, i);
 }
 
-bool class_matches(matcher& m, int32_t first, unsigned char c) {
-    if (enter(m, first) == nullptr) return false;
-    const int ch = m.exact ? c : fold(c);
-    int32_t i = first;
+bool class_matches(matcher& m, const TRexNode& node, unsigned char c) {
+    if (enter(m, node.left) == nullptr) return false;
+    if (m.prep != nullptr) {
+        const class_facts& f = m.prep->facts()[&node - m.nodes];
+        if (m.prep->sets()[f.set].has(c)) return true;
+        m.steps += f.miss_steps;
+        return false;
+    }
+    int32_t i = node.left;
     int32_t walked = 0;
     for (; walked < m.count; ++walked) {
         const TRexNode& member = m.nodes[i];
-        if (member.type == OP_RANGE) {
-            const int lo = m.exact ? member.left : fold(member.left);
-            const int hi = m.exact ? member.right : fold(member.right);
-            if (lo <= ch && ch <= hi) return true;
-        } else if (member.type == OP_CHARACTER_CLASS) {
-            if (class_letter_matches(member.left, c)) return true;
-        } else if (member.type == c) {
-            return true;
-        }
+        if (member_matches(member, c, m.exact)) return true;
         i = member.next;
         if (i < 0 || i >= m.count) break;
     }
@@ -840,7 +1198,7 @@ const char* step_operator(matcher& m, const TRexNode& node, const char* s) {
         case OP_CLASS:
         case OP_NON_MATCH_CLASS: {
             if (s >= m.eol) return nullptr;
-            const bool member = class_matches(m, node.left, static_cast<unsigned char>(*s));
+            const bool member = class_matches(m, node, static_cast<unsigned char>(*s));
             if (m.abandoned) return nullptr;
             return member == (node.type == OP_CLASS) ? s + 1 : nullptr;
         }
@@ -1119,7 +1477,32 @@ const char* match_compound(matcher& m, const TRexNode& node, const char* s, int3
 
 constexpr std::string_view kSpecial = "$()*+.?[\\]^{|}";
 
+// Grows a compiled pattern's node array by the room its prepared facts take.
+bool make_room_for_facts(TRex* exp) {
+    const std::size_t tail = ow::trex_tail_bytes(exp->nallocated);
+    if (tail == 0) return true;
+    std::size_t bytes = 0;
+    if (ow::mul_overflows(static_cast<std::size_t>(exp->nallocated), sizeof(TRexNode), &bytes) ||
+        ow::add_overflows(bytes, tail, &bytes)) {
+        TREX_COMPILE_ERROR("%s", std::strerror(ENOMEM));
+        return false;
+    }
+    auto* grown = static_cast<TRexNode*>(ow::mem_realloc(exp->nodes, bytes));
+    if (grown == nullptr) {
+        TREX_COMPILE_ERROR("%s", std::strerror(ENOMEM));
+        return false;
+    }
+    exp->nodes = grown;
+    return true;
+}
+
 }  // namespace
+
+std::size_t ow::trex_tail_bytes(int32_t count) noexcept {
+    return count > 0 && count <= kMaxPreparedNodes ? prepared_bytes(count) : 0;
+}
+
+void ow::trex_prepare(TRex* exp) noexcept { prepare(exp); }
 
 // ---------------------------------------------------------------------------------------
 // Public API.
@@ -1175,11 +1558,26 @@ TRex* trex_compile_ex(const char* pattern, uint8_t case_mode) {
         }
     }
     exp->cursor = nullptr;  // the text is freed on return
-    if (!ok) {
+    if (!ok || !make_room_for_facts(exp)) {
         trex_free(exp);
         return nullptr;
     }
+    prepare(exp);
     return exp;
+}
+
+bool trex_validate(const TRex* exp) {
+    if (exp == nullptr) {
+        OW_EINVAL();
+        return false;
+    }
+    const int32_t count = exp->nodes != nullptr && exp->nallocated > 0 ? exp->nallocated : 0;
+    ow::unique_cptr<void> scratch(ow::mem_malloc(walk_scratch_bytes(count)));
+    if (!scratch) {
+        OW_ENOMEM();
+        return false;
+    }
+    return walk_entered(exp, scratch.get(), true);
 }
 
 bool trex_match(TRex* exp, const char* subject) {
@@ -1190,7 +1588,9 @@ bool trex_match(TRex* exp, const char* subject) {
     exp->bol = subject;
     exp->eol = subject + std::strlen(subject);
     exp->depth = 0;
-    matcher m(exp, exp->bol, exp->eol);
+    const prepared* p = prepared_of(exp);
+    if (p != nullptr && !may_match(*p, exp->bol, exp->eol)) return false;
+    matcher m(exp, p, exp->bol, exp->eol);
     const char* r = match_one(m, 0, subject, 0);
     exp->depth = 0;
     return r != nullptr && !m.abandoned;
