@@ -793,12 +793,19 @@ struct byte_set {
     }
 };
 
-// Per node: the set of bytes some member of a class takes, and the steps the member walk
-// counts when none does.
-struct class_facts {
-    int32_t set;  // index into the sets, -1 for a node that is not a reachable class
-    int32_t miss_steps;
+// What is known of one node. Set indexes refer to the prepared byte sets.
+struct node_facts {
+    int32_t members;       // a class: the bytes some member takes; else -1
+    int32_t miss_steps;    // a class: the steps its member walk counts when none takes the byte
+    int32_t accept;        // a single-position byte node: the bytes it takes; else -1
+    int32_t first_enters;  // the nodes first_steps_of() enters from here
+    int32_t first_set;     // what first_steps_of() finds from here, as a set (below)
+    int32_t unused;
 };
+// first_set when first_steps_of() from the node is not tabulated, or when it finds nothing
+// (so never excludes a position).
+constexpr int32_t kFirstUnknown = -1;
+constexpr int32_t kFirstNone = -2;
 
 struct prepared {
     uint32_t magic;
@@ -812,9 +819,10 @@ struct prepared {
     char suffix[kMaxLiteral];  // folded unless exact
     char required[kMaxLiteral];
 
-    // Behind the header: class_facts[count], then the byte sets, then walk scratch.
-    class_facts* facts() { return reinterpret_cast<class_facts*>(this + 1); }
-    const class_facts* facts() const { return reinterpret_cast<const class_facts*>(this + 1); }
+    // Behind the header: node_facts[count], then the byte sets (at most three per node), then
+    // the walk's scratch.
+    node_facts* facts() { return reinterpret_cast<node_facts*>(this + 1); }
+    const node_facts* facts() const { return reinterpret_cast<const node_facts*>(this + 1); }
     byte_set* sets() { return reinterpret_cast<byte_set*>(facts() + count); }
     const byte_set* sets() const { return reinterpret_cast<const byte_set*>(facts() + count); }
 };
@@ -833,6 +841,11 @@ bool member_matches(const TRexNode& member, unsigned char c, bool exact) {
 
 constexpr bool is_character(int32_t type) { return type >= 0 && type < 256; }
 
+constexpr bool is_compound(int32_t type) {
+    return type == OP_GREEDY || type == OP_OR || type == OP_EXPRESSION ||
+           type == OP_EXPRESSION_ALT || type == OP_ANY_RUN;
+}
+
 // The bytes a single-position node takes (a subject never holds NUL before its end); false
 // for nodes that take no byte or whose answer depends on the position.
 bool accepted_bytes(const prepared& p, int32_t i, byte_set* out) {
@@ -848,7 +861,7 @@ bool accepted_bytes(const prepared& p, int32_t i, byte_set* out) {
         } else if (n.type == OP_CHARACTER_CLASS) {
             yes = class_letter_matches(n.left, b);
         } else if (n.type == OP_CLASS || n.type == OP_NON_MATCH_CLASS) {
-            yes = p.sets()[p.facts()[i].set].has(b) == (n.type == OP_CLASS);
+            yes = p.sets()[p.facts()[i].members].has(b) == (n.type == OP_CLASS);
         } else {
             return false;
         }
@@ -926,9 +939,56 @@ void find_literals(prepared* p) {
     }
 }
 
+// Node types a step takes or refuses by the byte alone, without counting steps.
+constexpr bool is_free_byte_node(int32_t type) {
+    return is_character(type) || type == OP_ANY || type == OP_CHARACTER_CLASS;
+}
+
+// Replays first_steps_of() from node i: the nodes it enters, and what it finds as one set
+// when every node found is a free byte node.
+void tabulate_first_steps(prepared* p, int32_t i, int32_t* nsets) {
+    const TRexNode* nodes = p->nodes;
+    node_facts& f = p->facts()[i];
+    int32_t enters = 1;
+    const TRexNode* node = &nodes[i];
+    if (node->type == OP_EXPRESSION || node->type == OP_EXPRESSION_ALT) {
+        node = &nodes[node->left];
+        ++enters;
+    }
+    int found = 0;
+    bool free_only = true;
+    byte_set set{};
+    const auto add = [&](const TRexNode* n) {
+        ++found;
+        free_only = free_only && is_free_byte_node(n->type) &&
+                    accepted_bytes(*p, static_cast<int32_t>(n - nodes), &set);
+    };
+    bool empty = false;
+    while (node->type == OP_OR && found < 4) {
+        const TRexNode* left = &nodes[node->left];
+        ++enters;
+        if (is_compound(left->type)) {
+            empty = true;
+            break;
+        }
+        add(left);
+        node = &nodes[node->right];
+        ++enters;
+    }
+    if (!empty && (is_compound(node->type) || found == 4)) empty = true;
+    if (!empty) add(node);
+    f.first_enters = enters;
+    if (empty) {
+        f.first_set = kFirstNone;
+    } else if (free_only) {
+        f.first_set = *nsets;
+        p->sets()[(*nsets)++] = set;
+    }
+}
+
 std::size_t prepared_bytes(int32_t count) {
     const auto n = static_cast<std::size_t>(count);
-    return sizeof(prepared) + n * (sizeof(class_facts) + sizeof(byte_set)) +
+    return sizeof(prepared) + n * (sizeof(node_facts) + 3 * sizeof(byte_set)) +
            walk_scratch_bytes(count);
 }
 
@@ -943,16 +1003,16 @@ void prepare(TRex* exp) {
     p->count = count;
     p->nodes = exp->nodes;
     p->exact = exp->case_mode != 0;
-    class_facts* facts = p->facts();
+    node_facts* facts = p->facts();
     byte_set* sets = p->sets();
-    void* scratch = sets + count;
+    void* scratch = sets + 3 * static_cast<std::size_t>(count);
     if (!walk_entered(exp, scratch, false)) return;
     const uint8_t* marks = walk_marks(scratch, count);
 
     int32_t nsets = 0;
     int32_t visits = 0;
     for (int32_t i = 0; i < count; ++i) {
-        facts[i] = class_facts{-1, 0};
+        facts[i] = node_facts{-1, 0, -1, 0, kFirstUnknown, 0};
         const TRexNode& n = exp->nodes[i];
         if ((marks[i] & kChecked) == 0 || (n.type != OP_CLASS && n.type != OP_NON_MATCH_CLASS)) {
             continue;
@@ -972,8 +1032,21 @@ void prepare(TRex* exp) {
             member = m.next;
             if (member < 0 || member >= count) break;
         }
-        facts[i] = class_facts{nsets, walked};
+        facts[i].members = nsets;
+        facts[i].miss_steps = walked;
         sets[nsets++] = set;
+    }
+
+    for (int32_t i = 0; i < count; ++i) {
+        if ((marks[i] & kChecked) == 0) continue;
+        byte_set set{};
+        if (accepted_bytes(*p, i, &set)) {
+            facts[i].accept = nsets;
+            sets[nsets++] = set;
+        }
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        if ((marks[i] & kFollowed) != 0) tabulate_first_steps(p, i, &nsets);
     }
 
     byte_set start{};
@@ -1082,11 +1155,6 @@ struct matcher {
     }
 };
 
-constexpr bool is_compound(int32_t type) {
-    return type == OP_GREEDY || type == OP_OR || type == OP_EXPRESSION ||
-           type == OP_EXPRESSION_ALT || type == OP_ANY_RUN;
-}
-
 // A fast, conservative form of the validation for the shapes the compiler produces: true
 // only for nodes the full check would also accept. Anything else takes the full check, which
 // reports what is wrong.
@@ -1155,12 +1223,6 @@ inline const TRexNode* enter(matcher& m, int32_t i) {
 
 bool class_matches(matcher& m, const TRexNode& node, unsigned char c) {
     if (enter(m, node.left) == nullptr) return false;
-    if (m.prep != nullptr) {
-        const class_facts& f = m.prep->facts()[&node - m.nodes];
-        if (m.prep->sets()[f.set].has(c)) return true;
-        m.steps += f.miss_steps;
-        return false;
-    }
     int32_t i = node.left;
     int32_t walked = 0;
     for (; walked < m.count; ++walked) {
@@ -1183,6 +1245,19 @@ inline const char* step(matcher& m, const TRexNode& node, const char* s) {
         const auto c = static_cast<unsigned char>(*s);
         if (m.exact) return node.type == c ? s + 1 : nullptr;
         return fold(node.type) == fold(c) ? s + 1 : nullptr;
+    }
+    if (m.prep != nullptr) {
+        const node_facts& f = m.prep->facts()[&node - m.nodes];
+        if (f.accept >= 0) {
+            if (s >= m.eol) return nullptr;
+            const auto c = static_cast<unsigned char>(*s);
+            if (f.members >= 0) {
+                // A class: count its member walk as class_matches() does.
+                if (enter(m, node.left) == nullptr) return nullptr;
+                if (!m.prep->sets()[f.members].has(c)) m.steps += f.miss_steps;
+            }
+            return m.prep->sets()[f.accept].has(c) ? s + 1 : nullptr;
+        }
     }
     return step_operator(m, node, s);
 }
@@ -1279,15 +1354,36 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
         if (is_compound(probe->type)) probe = nullptr;
     }
     if (first->type != OP_EOL) {
+        // In a prepared pattern the positions the probe refuses are passed by table lookup,
+        // counting what the loop below would count, whenever no limit can be reached on the
+        // way there.
+        const node_facts* pf =
+            m.prep != nullptr && probe != nullptr ? &m.prep->facts()[probe - m.nodes] : nullptr;
+        const byte_set* accept =
+            pf != nullptr && pf->accept >= 0 ? &m.prep->sets()[pf->accept] : nullptr;
+        const byte_set* members =
+            pf != nullptr && pf->members >= 0 ? &m.prep->sets()[pf->members] : nullptr;
+        const long worst = 2 + (members != nullptr ? pf->miss_steps : 0);
         for (const char* p = s; p < m.eol; ++p) {
-            if (++m.steps > TREX_MAX_STEPS) {
-                TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
-                m.abandoned = true;
-                return nullptr;
-            }
-            if (probe != nullptr && step(m, *probe, p) == nullptr) {
-                if (m.abandoned) return nullptr;
-                continue;
+            if (accept != nullptr && !m.abandoned &&
+                m.steps + (m.eol - p) * worst <= TREX_MAX_STEPS) {
+                for (; p < m.eol; ++p) {
+                    const auto c = static_cast<unsigned char>(*p);
+                    m.steps += 1;
+                    if (members != nullptr) m.steps += members->has(c) ? 1 : 1 + pf->miss_steps;
+                    if (accept->has(c)) break;
+                }
+                if (p == m.eol) break;
+            } else {
+                if (++m.steps > TREX_MAX_STEPS) {
+                    TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
+                    m.abandoned = true;
+                    return nullptr;
+                }
+                if (probe != nullptr && step(m, *probe, p) == nullptr) {
+                    if (m.abandoned) return nullptr;
+                    continue;
+                }
             }
             const char* r = run(m, after, p);
             if (m.abandoned) return nullptr;
@@ -1305,8 +1401,10 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
 struct first_steps {
     const TRexNode* nodes[4];
     int count = 0;
+    const byte_set* bytes = nullptr;  // a prepared pattern's table of what the nodes take
 
     bool exclude(matcher& m, const char* p) const {
+        if (bytes != nullptr) return !bytes->has(static_cast<unsigned char>(*p));
         if (count == 0) return false;
         for (int k = 0; k < count; ++k) {
             if (step(m, *nodes[k], p) != nullptr) return false;
@@ -1317,6 +1415,14 @@ struct first_steps {
 
 first_steps first_steps_of(matcher& m, int32_t i) {
     first_steps f;
+    if (m.prep != nullptr && !m.abandoned) {
+        const node_facts& known = m.prep->facts()[i];
+        if (known.first_set != kFirstUnknown && m.steps + known.first_enters <= TREX_MAX_STEPS) {
+            m.steps += known.first_enters;  // as entering those nodes would count
+            if (known.first_set >= 0) f.bytes = &m.prep->sets()[known.first_set];
+            return f;
+        }
+    }
     const TRexNode* node = enter(m, i);
     if (node != nullptr && (node->type == OP_EXPRESSION || node->type == OP_EXPRESSION_ALT)) {
         node = enter(m, node->left);
