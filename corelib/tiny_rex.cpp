@@ -1140,6 +1140,13 @@ struct matcher {
     static constexpr int32_t kCheckedBits = 4096;
     uint64_t checked[kCheckedBits / 64];
 
+    // Steps past every limit as well, so that a prepared match sees both conditions in the
+    // one comparison it makes on entering a node.
+    void abandon() {
+        abandoned = true;
+        steps = 2 * TREX_MAX_STEPS;
+    }
+
     matcher(TRex* e, const prepared* p, const char* subject, const char* end)
         : exp(e),
           prep(p),
@@ -1191,14 +1198,14 @@ const TRexNode* enter_slow(matcher& m, int32_t i) {
     if (m.abandoned) return nullptr;
     if (m.steps > TREX_MAX_STEPS) {
         TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
-        m.abandoned = true;
+        m.abandon();
         return nullptr;
     }
     const TRexNode* node = (i >= 0 && i < m.count) ? &m.nodes[i] : nullptr;
     if ((node == nullptr || !plainly_valid(*node, m.count)) &&
         !__trex_node_is_valid(m.exp, node, true)) {
         TREX_MATCH_ERROR("%s", std::strerror(EINVAL));
-        m.abandoned = true;
+        m.abandon();
         return nullptr;
     }
     if (i < matcher::kCheckedBits) m.checked[i / 64] |= uint64_t{1} << (i % 64);
@@ -1206,11 +1213,12 @@ const TRexNode* enter_slow(matcher& m, int32_t i) {
 }
 
 // Validates node i before its fields are used; nullptr ends the match.
+template <bool kPrep>
 inline const TRexNode* enter(matcher& m, int32_t i) {
     ++m.steps;
-    if (m.prep != nullptr) {
+    if constexpr (kPrep) {
         // Every node the match can reach passed the check when the pattern was prepared.
-        if (m.steps <= TREX_MAX_STEPS && !m.abandoned) return &m.nodes[i];
+        if (m.steps <= TREX_MAX_STEPS) return &m.nodes[i];
         return enter_slow(m, i);
     }
     // i < count first: the words of checked beyond the pattern's size are never cleared.
@@ -1222,7 +1230,7 @@ inline const TRexNode* enter(matcher& m, int32_t i) {
 }
 
 bool class_matches(matcher& m, const TRexNode& node, unsigned char c) {
-    if (enter(m, node.left) == nullptr) return false;
+    if (enter<false>(m, node.left) == nullptr) return false;
     int32_t i = node.left;
     int32_t walked = 0;
     for (; walked < m.count; ++walked) {
@@ -1239,6 +1247,7 @@ const char* step_operator(matcher& m, const TRexNode& node, const char* s);
 
 // One single-position node: the position after it, or nullptr. Literal characters, by far
 // the most common nodes, are compared here without a call.
+template <bool kPrep>
 inline const char* step(matcher& m, const TRexNode& node, const char* s) {
     if (node.type >= 0 && node.type < 256) {
         if (s >= m.eol) return nullptr;
@@ -1246,14 +1255,14 @@ inline const char* step(matcher& m, const TRexNode& node, const char* s) {
         if (m.exact) return node.type == c ? s + 1 : nullptr;
         return fold(node.type) == fold(c) ? s + 1 : nullptr;
     }
-    if (m.prep != nullptr) {
+    if constexpr (kPrep) {
         const node_facts& f = m.prep->facts()[&node - m.nodes];
         if (f.accept >= 0) {
             if (s >= m.eol) return nullptr;
             const auto c = static_cast<unsigned char>(*s);
             if (f.members >= 0) {
                 // A class: count its member walk as class_matches() does.
-                if (enter(m, node.left) == nullptr) return nullptr;
+                if (enter<kPrep>(m, node.left) == nullptr) return nullptr;
                 if (!m.prep->sets()[f.members].has(c)) m.steps += f.miss_steps;
             }
             return m.prep->sets()[f.accept].has(c) ? s + 1 : nullptr;
@@ -1293,20 +1302,23 @@ const char* step_operator(matcher& m, const TRexNode& node, const char* s) {
     }
 }
 
-const char* match_compound(matcher& m, const TRexNode& node, const char* s, int32_t depth,
-                           const cont* after);
+template <bool kPrep>
+[[gnu::always_inline]] inline const char* match_compound(matcher& m, const TRexNode& node,
+                                                         const char* s, int32_t depth,
+                                                         const cont* after);
 
 // Matches the sequence starting at node i and then whatever up holds; returns the final
 // position. Single-position nodes are walked in a loop; only compound nodes recurse.
+template <bool kPrep>
 const char* match_seq(matcher& m, int32_t i, const char* s, int32_t depth, const cont* up) {
     for (;;) {
-        const TRexNode* node = enter(m, i);
+        const TRexNode* node = enter<kPrep>(m, i);
         if (node == nullptr) return nullptr;
         if (is_compound(node->type)) {
             const cont rest{node->next, depth, up};
-            return match_compound(m, *node, s, depth, node->next >= 0 ? &rest : up);
+            return match_compound<kPrep>(m, *node, s, depth, node->next >= 0 ? &rest : up);
         }
-        s = step(m, *node, s);
+        s = step<kPrep>(m, *node, s);
         if (s == nullptr) return nullptr;
         if (node->next >= 0) {
             i = node->next;
@@ -1320,28 +1332,31 @@ const char* match_seq(matcher& m, int32_t i, const char* s, int32_t depth, const
     }
 }
 
+template <bool kPrep>
 const char* run(matcher& m, const cont* k, const char* s) {
-    return k == nullptr ? s : match_seq(m, k->node, s, k->depth, k->up);
+    return k == nullptr ? s : match_seq<kPrep>(m, k->node, s, k->depth, k->up);
 }
 
 // Node i alone, with nothing after it: one repetition of a greedy operand.
+template <bool kPrep>
 const char* match_one(matcher& m, int32_t i, const char* s, int32_t depth) {
-    const TRexNode* node = enter(m, i);
+    const TRexNode* node = enter<kPrep>(m, i);
     if (node == nullptr) return nullptr;
     if (node->type == OP_ANY_RUN && node->next >= 0) {
         const cont rest{node->next, depth, nullptr};
-        return match_compound(m, *node, s, depth, &rest);
+        return match_compound<kPrep>(m, *node, s, depth, &rest);
     }
-    if (is_compound(node->type)) return match_compound(m, *node, s, depth, nullptr);
-    return step(m, *node, s);
+    if (is_compound(node->type)) return match_compound<kPrep>(m, *node, s, depth, nullptr);
+    return step<kPrep>(m, *node, s);
 }
 
 // ".*": the shortest run after which everything that follows matches up to the end of the
 // subject. A following part that matches but stops short of the end counts as a failed
 // attempt, so the scan always moves on and always ends.
+template <bool kPrep>
 const char* match_any_run(matcher& m, const char* s, const cont* after) {
     if (after == nullptr) return m.eol;
-    const TRexNode* first = enter(m, after->node);
+    const TRexNode* first = enter<kPrep>(m, after->node);
     if (first == nullptr) return nullptr;
     // Only positions where the following node can take its first step are worth a try: a
     // single-position node, or the operand of a repetition that needs at least one.
@@ -1349,7 +1364,7 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
     if (!is_compound(first->type)) {
         probe = first;
     } else if (first->type == OP_GREEDY && bounds_min(first->right) > 0) {
-        probe = enter(m, first->left);
+        probe = enter<kPrep>(m, first->left);
         if (probe == nullptr) return nullptr;
         if (is_compound(probe->type)) probe = nullptr;
     }
@@ -1358,7 +1373,7 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
         // counting what the loop below would count, whenever no limit can be reached on the
         // way there.
         const node_facts* pf =
-            m.prep != nullptr && probe != nullptr ? &m.prep->facts()[probe - m.nodes] : nullptr;
+            kPrep && probe != nullptr ? &m.prep->facts()[probe - m.nodes] : nullptr;
         const byte_set* accept =
             pf != nullptr && pf->accept >= 0 ? &m.prep->sets()[pf->accept] : nullptr;
         const byte_set* members =
@@ -1367,32 +1382,38 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
         for (const char* p = s; p < m.eol; ++p) {
             if (accept != nullptr && !m.abandoned &&
                 m.steps + (m.eol - p) * worst <= TREX_MAX_STEPS) {
-                for (; p < m.eol; ++p) {
-                    const auto c = static_cast<unsigned char>(*p);
-                    m.steps += 1;
-                    if (members != nullptr) m.steps += members->has(c) ? 1 : 1 + pf->miss_steps;
-                    if (accept->has(c)) break;
+                if (members == nullptr || pf->miss_steps == 0) {
+                    // Every position costs the same: count them once the scan stops.
+                    const char* from = p;
+                    while (p < m.eol && !accept->has(static_cast<unsigned char>(*p))) ++p;
+                    m.steps += (p - from + (p < m.eol ? 1 : 0)) * (members != nullptr ? 2 : 1);
+                } else {
+                    for (; p < m.eol; ++p) {
+                        const auto c = static_cast<unsigned char>(*p);
+                        m.steps += members->has(c) ? 2 : 2 + pf->miss_steps;
+                        if (accept->has(c)) break;
+                    }
                 }
                 if (p == m.eol) break;
             } else {
                 if (++m.steps > TREX_MAX_STEPS) {
                     TREX_MATCH_ERROR("match abandoned after %ld steps", TREX_MAX_STEPS);
-                    m.abandoned = true;
+                    m.abandon();
                     return nullptr;
                 }
-                if (probe != nullptr && step(m, *probe, p) == nullptr) {
+                if (probe != nullptr && step<kPrep>(m, *probe, p) == nullptr) {
                     if (m.abandoned) return nullptr;
                     continue;
                 }
             }
-            const char* r = run(m, after, p);
+            const char* r = run<kPrep>(m, after, p);
             if (m.abandoned) return nullptr;
             if (r == m.eol) return r;
         }
     }
     // At the end of the subject only an end-of-line node can follow.
     if (first->type != OP_EOL) return nullptr;
-    return run(m, after, m.eol);
+    return run<kPrep>(m, after, m.eol);
 }
 
 // Up to four single-position nodes of which one must match at the first position of any
@@ -1403,53 +1424,61 @@ struct first_steps {
     int count = 0;
     const byte_set* bytes = nullptr;  // a prepared pattern's table of what the nodes take
 
+    template <bool kPrep>
     bool exclude(matcher& m, const char* p) const {
         if (bytes != nullptr) return !bytes->has(static_cast<unsigned char>(*p));
         if (count == 0) return false;
         for (int k = 0; k < count; ++k) {
-            if (step(m, *nodes[k], p) != nullptr) return false;
+            if (step<kPrep>(m, *nodes[k], p) != nullptr) return false;
         }
         return true;
     }
 };
 
-first_steps first_steps_of(matcher& m, int32_t i) {
-    first_steps f;
-    if (m.prep != nullptr && !m.abandoned) {
+// Fills f (as constructed) in place: returning it by value costs more than the lookup saves.
+template <bool kPrep>
+void first_steps_of(matcher& m, int32_t i, first_steps* f) {
+    if (kPrep && !m.abandoned) {
         const node_facts& known = m.prep->facts()[i];
         if (known.first_set != kFirstUnknown && m.steps + known.first_enters <= TREX_MAX_STEPS) {
             m.steps += known.first_enters;  // as entering those nodes would count
-            if (known.first_set >= 0) f.bytes = &m.prep->sets()[known.first_set];
-            return f;
+            if (known.first_set >= 0) f->bytes = &m.prep->sets()[known.first_set];
+            return;
         }
     }
-    const TRexNode* node = enter(m, i);
+    const TRexNode* node = enter<kPrep>(m, i);
     if (node != nullptr && (node->type == OP_EXPRESSION || node->type == OP_EXPRESSION_ALT)) {
-        node = enter(m, node->left);
+        node = enter<kPrep>(m, node->left);
     }
-    while (node != nullptr && node->type == OP_OR && f.count < 4) {
-        const TRexNode* left = enter(m, node->left);
-        if (left == nullptr || is_compound(left->type)) return first_steps{};
-        f.nodes[f.count++] = left;
-        node = enter(m, node->right);
+    while (node != nullptr && node->type == OP_OR && f->count < 4) {
+        const TRexNode* left = enter<kPrep>(m, node->left);
+        if (left == nullptr || is_compound(left->type)) {
+            f->count = 0;
+            return;
+        }
+        f->nodes[f->count++] = left;
+        node = enter<kPrep>(m, node->right);
     }
-    if (node == nullptr || is_compound(node->type) || f.count == 4) return first_steps{};
-    f.nodes[f.count++] = node;
-    return f;
+    if (node == nullptr || is_compound(node->type) || f->count == 4) {
+        f->count = 0;
+        return;
+    }
+    f->nodes[f->count++] = node;
 }
 
+template <bool kPrep>
 const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_t depth,
                          const cont* after) {
     const uint32_t min = bounds_min(node.right);
     const uint32_t max = bounds_max(node.right);
-    const TRexNode* op = enter(m, node.left);
+    const TRexNode* op = enter<kPrep>(m, node.left);
     if (op == nullptr) return nullptr;
     // A single-position operand is stepped directly; anything else goes through the matcher.
     const bool single = !is_compound(op->type);
     auto repeat = [&m, op, single, depth, operand = node.left](const char* p) {
-        if (!single) return match_one(m, operand, p, depth);
+        if (!single) return match_one<kPrep>(m, operand, p, depth);
         ++m.steps;
-        return step(m, *op, p);
+        return step<kPrep>(m, *op, p);
     };
     const char* r = s;
 
@@ -1457,16 +1486,16 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
         // "?": take the one repetition only if the rest then matches.
         const char* once = repeat(s);
         if (once != nullptr) {
-            const char* e = run(m, after, once);
+            const char* e = run<kPrep>(m, after, once);
             if (e != nullptr) return e;
         }
-        return m.abandoned ? nullptr : run(m, after, s);
+        return m.abandoned ? nullptr : run<kPrep>(m, after, s);
     }
     if (max == TREX_UNBOUNDED && min <= 1) {
         // "*" and "+": the fewest repetitions (at least one once the operand has matched)
         // after which the rest matches.
         r = repeat(s);
-        if (r == nullptr) return (min == 0 && !m.abandoned) ? run(m, after, s) : nullptr;
+        if (r == nullptr) return (min == 0 && !m.abandoned) ? run<kPrep>(m, after, s) : nullptr;
         if (after == nullptr) {
             while (r < m.eol) {
                 const char* more = repeat(r);
@@ -1476,7 +1505,7 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
             return m.abandoned ? nullptr : r;
         }
         for (;;) {
-            const char* e = run(m, after, r);
+            const char* e = run<kPrep>(m, after, r);
             if (e != nullptr) return e;
             if (m.abandoned || r >= m.eol) return nullptr;
             const char* more = repeat(r);
@@ -1496,7 +1525,7 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
         }
         r = more;
     }
-    if (min == max) return run(m, after, r);
+    if (min == max) return run<kPrep>(m, after, r);
     if (after == nullptr || depth > 1) {
         // Nested or last: as many as match, up to the maximum.
         while (max == TREX_UNBOUNDED || done < max) {
@@ -1505,13 +1534,14 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
             r = more;
             ++done;
         }
-        return m.abandoned ? nullptr : run(m, after, r);
+        return m.abandoned ? nullptr : run<kPrep>(m, after, r);
     }
     // The rest is tried after every repetition; most of those attempts fail on their first
     // character, which is cheap to see without a full attempt.
-    const first_steps rest = first_steps_of(m, after->node);
+    first_steps rest;
+    first_steps_of<kPrep>(m, after->node, &rest);
     for (;;) {
-        const char* e = rest.exclude(m, r) ? nullptr : run(m, after, r);
+        const char* e = rest.template exclude<kPrep>(m, r) ? nullptr : run<kPrep>(m, after, r);
         if (e != nullptr) return e;
         if (m.abandoned || (max != TREX_UNBOUNDED && done >= max)) return nullptr;
         const char* more = repeat(r);
@@ -1521,6 +1551,7 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
     }
 }
 
+template <bool kPrep>
 const char* match_or(matcher& m, const TRexNode& node, const char* s, int32_t depth,
                      const cont* after) {
     // Each alternative is matched on its own, without what follows; the first one after which
@@ -1528,32 +1559,34 @@ const char* match_or(matcher& m, const TRexNode& node, const char* s, int32_t de
     // list of them costs no stack.
     const TRexNode* alt = &node;
     for (;;) {
-        const TRexNode* left = enter(m, alt->left);
+        const TRexNode* left = enter<kPrep>(m, alt->left);
         if (left == nullptr) return nullptr;
         const char* r = (!is_compound(left->type) && left->next < 0)
-                            ? step(m, *left, s)
-                            : match_seq(m, alt->left, s, depth, nullptr);
+                            ? step<kPrep>(m, *left, s)
+                            : match_seq<kPrep>(m, alt->left, s, depth, nullptr);
         if (r != nullptr) {
-            const char* e = run(m, after, r);
+            const char* e = run<kPrep>(m, after, r);
             if (e != nullptr) return e;
         }
         if (m.abandoned) return nullptr;
-        const TRexNode* right = enter(m, alt->right);
+        const TRexNode* right = enter<kPrep>(m, alt->right);
         if (right == nullptr) return nullptr;
         if (right->type == OP_OR && right->next < 0) {
             alt = right;
             continue;
         }
-        r = match_seq(m, alt->right, s, depth, nullptr);
-        return r != nullptr ? run(m, after, r) : nullptr;
+        r = match_seq<kPrep>(m, alt->right, s, depth, nullptr);
+        return r != nullptr ? run<kPrep>(m, after, r) : nullptr;
     }
 }
 
-const char* match_compound(matcher& m, const TRexNode& node, const char* s, int32_t depth,
-                           const cont* after) {
+template <bool kPrep>
+[[gnu::always_inline]] inline const char* match_compound(matcher& m, const TRexNode& node,
+                                                         const char* s, int32_t depth,
+                                                         const cont* after) {
     if (m.recursion >= TREX_MAX_RECURSION) {
         if (!m.abandoned) TREX_MATCH_ERROR("match abandoned at recursion depth %d", m.recursion);
-        m.abandoned = true;
+        m.abandon();
         return nullptr;
     }
     ++m.recursion;
@@ -1561,18 +1594,18 @@ const char* match_compound(matcher& m, const TRexNode& node, const char* s, int3
     switch (node.type) {
         case OP_EXPRESSION:
         case OP_EXPRESSION_ALT:
-            m.exp->depth = depth + 1;
-            r = match_seq(m, node.left, s, depth + 1, after);
-            m.exp->depth = depth;
+            // The nesting travels with the frames; the record's depth field only reads 0
+            // between matches, so it is not kept up to date while one runs.
+            r = match_seq<kPrep>(m, node.left, s, depth + 1, after);
             break;
         case OP_OR:
-            r = match_or(m, node, s, depth, after);
+            r = match_or<kPrep>(m, node, s, depth, after);
             break;
         case OP_ANY_RUN:
-            r = match_any_run(m, s, after);
+            r = match_any_run<kPrep>(m, s, after);
             break;
         case OP_GREEDY:
-            r = match_greedy(m, node, s, depth, after);
+            r = match_greedy<kPrep>(m, node, s, depth, after);
             break;
         default:
             break;
@@ -1697,7 +1730,8 @@ bool trex_match(TRex* exp, const char* subject) {
     const prepared* p = prepared_of(exp);
     if (p != nullptr && !may_match(*p, exp->bol, exp->eol)) return false;
     matcher m(exp, p, exp->bol, exp->eol);
-    const char* r = match_one(m, 0, subject, 0);
+    const char* r =
+        p != nullptr ? match_one<true>(m, 0, subject, 0) : match_one<false>(m, 0, subject, 0);
     exp->depth = 0;
     return r != nullptr && !m.abandoned;
 }
