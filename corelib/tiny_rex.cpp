@@ -800,7 +800,7 @@ struct node_facts {
     int32_t accept;        // a single-position byte node: the bytes it takes; else -1
     int32_t first_enters;  // the nodes first_steps_of() enters from here
     int32_t first_set;     // what first_steps_of() finds from here, as a set (below)
-    int32_t unused;
+    int32_t byte_alternatives;  // an OR whose alternatives are all lone free byte nodes
 };
 // first_set when first_steps_of() from the node is not tabulated, or when it finds nothing
 // (so never excludes a position).
@@ -986,6 +986,23 @@ void tabulate_first_steps(prepared* p, int32_t i, int32_t* nsets) {
     }
 }
 
+// Whether every alternative of the OR chain at node i is a single free byte node that ends
+// its sequence, so that match_or() only steps each of them.
+bool only_byte_alternatives(const prepared& p, int32_t i) {
+    const TRexNode* alt = &p.nodes[i];
+    for (int32_t walked = 0; walked < p.count; ++walked) {
+        const TRexNode& left = p.nodes[alt->left];
+        if (!is_free_byte_node(left.type) || left.next >= 0) return false;
+        const TRexNode& right = p.nodes[alt->right];
+        if (right.type == OP_OR && right.next < 0) {
+            alt = &right;
+            continue;
+        }
+        return is_free_byte_node(right.type) && right.next < 0;
+    }
+    return false;  // a chain that loops
+}
+
 std::size_t prepared_bytes(int32_t count) {
     const auto n = static_cast<std::size_t>(count);
     return sizeof(prepared) + n * (sizeof(node_facts) + 3 * sizeof(byte_set)) +
@@ -1012,7 +1029,7 @@ void prepare(TRex* exp) {
     int32_t nsets = 0;
     int32_t visits = 0;
     for (int32_t i = 0; i < count; ++i) {
-        facts[i] = node_facts{-1, 0, -1, 0, kFirstUnknown, 0};
+        facts[i] = node_facts{-1, 0, -1, 0, kFirstUnknown, false};
         const TRexNode& n = exp->nodes[i];
         if ((marks[i] & kChecked) == 0 || (n.type != OP_CLASS && n.type != OP_NON_MATCH_CLASS)) {
             continue;
@@ -1046,7 +1063,9 @@ void prepare(TRex* exp) {
         }
     }
     for (int32_t i = 0; i < count; ++i) {
-        if ((marks[i] & kFollowed) != 0) tabulate_first_steps(p, i, &nsets);
+        if ((marks[i] & kFollowed) == 0) continue;
+        tabulate_first_steps(p, i, &nsets);
+        if (exp->nodes[i].type == OP_OR) facts[i].byte_alternatives = only_byte_alternatives(*p, i);
     }
 
     byte_set start{};
@@ -1123,7 +1142,9 @@ struct cont {
 
 struct matcher {
     TRex* exp;
-    const prepared* prep;  // nullptr: the plain path
+    const prepared* prep;               // nullptr: the plain path
+    const node_facts* facts = nullptr;  // prep's, kept at hand
+    const byte_set* sets = nullptr;
     const TRexNode* nodes;
     int32_t count;  // nallocated: every index must be below it
     const char* bol;
@@ -1155,7 +1176,11 @@ struct matcher {
           bol(subject),
           eol(end),
           exact(e->case_mode != 0) {
-        if (prep != nullptr) return;  // checked is only used on the plain path
+        if (prep != nullptr) {
+            facts = prep->facts();
+            sets = prep->sets();
+            return;  // checked is only used on the plain path
+        }
         // Only the words a pattern of this size can use need clearing.
         const int32_t used = count < kCheckedBits ? (count > 0 ? count : 0) : kCheckedBits;
         std::memset(checked, 0, sizeof(uint64_t) * static_cast<std::size_t>((used + 63) / 64));
@@ -1247,6 +1272,18 @@ const char* step_operator(matcher& m, const TRexNode& node, const char* s);
 
 // One single-position node: the position after it, or nullptr. Literal characters, by far
 // the most common nodes, are compared here without a call.
+// A prepared byte node, whose facts f say what it takes.
+inline const char* step_byte(matcher& m, const TRexNode& node, const node_facts& f, const char* s) {
+    if (s >= m.eol) return nullptr;
+    const auto c = static_cast<unsigned char>(*s);
+    if (f.members >= 0) {
+        // A class: count its member walk as class_matches() does.
+        if (enter<true>(m, node.left) == nullptr) return nullptr;
+        if (!m.sets[f.members].has(c)) m.steps += f.miss_steps;
+    }
+    return m.sets[f.accept].has(c) ? s + 1 : nullptr;
+}
+
 template <bool kPrep>
 inline const char* step(matcher& m, const TRexNode& node, const char* s) {
     if (node.type >= 0 && node.type < 256) {
@@ -1256,17 +1293,8 @@ inline const char* step(matcher& m, const TRexNode& node, const char* s) {
         return fold(node.type) == fold(c) ? s + 1 : nullptr;
     }
     if constexpr (kPrep) {
-        const node_facts& f = m.prep->facts()[&node - m.nodes];
-        if (f.accept >= 0) {
-            if (s >= m.eol) return nullptr;
-            const auto c = static_cast<unsigned char>(*s);
-            if (f.members >= 0) {
-                // A class: count its member walk as class_matches() does.
-                if (enter<kPrep>(m, node.left) == nullptr) return nullptr;
-                if (!m.prep->sets()[f.members].has(c)) m.steps += f.miss_steps;
-            }
-            return m.prep->sets()[f.accept].has(c) ? s + 1 : nullptr;
-        }
+        const node_facts& f = m.facts[&node - m.nodes];
+        if (f.accept >= 0) return step_byte(m, node, f, s);
     }
     return step_operator(m, node, s);
 }
@@ -1372,12 +1400,10 @@ const char* match_any_run(matcher& m, const char* s, const cont* after) {
         // In a prepared pattern the positions the probe refuses are passed by table lookup,
         // counting what the loop below would count, whenever no limit can be reached on the
         // way there.
-        const node_facts* pf =
-            kPrep && probe != nullptr ? &m.prep->facts()[probe - m.nodes] : nullptr;
-        const byte_set* accept =
-            pf != nullptr && pf->accept >= 0 ? &m.prep->sets()[pf->accept] : nullptr;
+        const node_facts* pf = kPrep && probe != nullptr ? &m.facts[probe - m.nodes] : nullptr;
+        const byte_set* accept = pf != nullptr && pf->accept >= 0 ? &m.sets[pf->accept] : nullptr;
         const byte_set* members =
-            pf != nullptr && pf->members >= 0 ? &m.prep->sets()[pf->members] : nullptr;
+            pf != nullptr && pf->members >= 0 ? &m.sets[pf->members] : nullptr;
         const long worst = 2 + (members != nullptr ? pf->miss_steps : 0);
         for (const char* p = s; p < m.eol; ++p) {
             if (accept != nullptr && !m.abandoned &&
@@ -1439,10 +1465,10 @@ struct first_steps {
 template <bool kPrep>
 void first_steps_of(matcher& m, int32_t i, first_steps* f) {
     if (kPrep && !m.abandoned) {
-        const node_facts& known = m.prep->facts()[i];
+        const node_facts& known = m.facts[i];
         if (known.first_set != kFirstUnknown && m.steps + known.first_enters <= TREX_MAX_STEPS) {
             m.steps += known.first_enters;  // as entering those nodes would count
-            if (known.first_set >= 0) f->bytes = &m.prep->sets()[known.first_set];
+            if (known.first_set >= 0) f->bytes = &m.sets[known.first_set];
             return;
         }
     }
@@ -1551,9 +1577,48 @@ const char* match_greedy(matcher& m, const TRexNode& node, const char* s, int32_
     }
 }
 
+// match_or() over alternatives that are lone free byte nodes: each is a table lookup, and the
+// node entries it would make are counted in one sum, checked wherever a step could follow.
+const char* match_byte_alternatives(matcher& m, const TRexNode& node, const char* s,
+                                    const cont* after) {
+    const auto c = static_cast<unsigned char>(s < m.eol ? *s : '\0');
+    const node_facts* facts = m.facts;
+    const byte_set* sets = m.sets;
+    long owed = 0;
+    // Counts the entries owed; false when that passes the limit, which then ends the match.
+    const auto settle = [&m, &owed]() {
+        m.steps += owed;
+        owed = 0;
+        return m.steps <= TREX_MAX_STEPS || enter_slow(m, 0) != nullptr;
+    };
+    const TRexNode* alt = &node;
+    for (;;) {
+        ++owed;  // the left alternative
+        if (sets[facts[alt->left].accept].has(c)) {
+            if (!settle()) return nullptr;
+            const char* e = run<true>(m, after, s + 1);
+            if (e != nullptr || m.abandoned) return e;
+        }
+        ++owed;  // the right one
+        const TRexNode& right = m.nodes[alt->right];
+        if (right.type == OP_OR && right.next < 0) {
+            alt = &right;
+            continue;
+        }
+        ++owed;  // entered once more as a sequence of its own
+        if (!settle()) return nullptr;
+        return sets[facts[alt->right].accept].has(c) ? run<true>(m, after, s + 1) : nullptr;
+    }
+}
+
 template <bool kPrep>
 const char* match_or(matcher& m, const TRexNode& node, const char* s, int32_t depth,
                      const cont* after) {
+    if constexpr (kPrep) {
+        if (m.facts[&node - m.nodes].byte_alternatives) {
+            return match_byte_alternatives(m, node, s, after);
+        }
+    }
     // Each alternative is matched on its own, without what follows; the first one after which
     // the rest also matches is kept. Chains of alternatives are walked in a loop, so a long
     // list of them costs no stack.
