@@ -94,6 +94,13 @@ TEST_F(TinyRexTest, Matches) {
         {"^(mx|mx1)\\.", 0, {"mx1.example"}, {}},  // a later alternative after a failed rest
         {"\\.(dsl|cable|dyn)\\.", 0, {"h.cable.example"}, {"h.cablex.example"}},
         // The dynamic-host pattern; "1234.5678.9.10" has a field of four digits.
+        // What a matching subject must begin with, end with or contain, in both case modes.
+        {"^(dsl|cable)\\d", 0, {"Cable7.x", "DSL1"}, {"xcable1", "", "dsl"}},
+        {"^[^a-c]x", 0, {"dx"}, {"Bx", "x"}},
+        {"\\.netco\\.net$", 0, {"a.NETCO.Net"}, {"a.netco.net.x", "netco.net"}},
+        {"\\.netco\\.net$", 1, {"a.netco.net"}, {"a.NETCO.net"}},
+        {"netco-\\d+\\.", 0, {"x.NetCo-12.y"}, {"netco.12.", "netc"}},
+        {"^a?b+(x|\\d)y$", 0, {"abbxy", "b5y"}, {"abby", "ab5"}},
         {"[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}",
          0,
          {"host-10-1-2-3.net", "dsl-187-12-34-56.dyn.example.net", "81-64-2-7.rev.example.fr",
@@ -106,8 +113,14 @@ TEST_F(TinyRexTest, Matches) {
         SCOPED_TRACE("pattern [" + c.pattern + "] mode " + std::to_string(c.case_mode));
         TRex* exp = trex_compile_ex(c.pattern.c_str(), c.case_mode);
         ASSERT_NE(exp, nullptr) << ow_test::dump();
-        for (const char* s : c.hits) EXPECT_TRUE(trex_match(exp, s)) << s;
-        for (const char* s : c.misses) EXPECT_FALSE(trex_match(exp, s)) << s;
+        // The same record without its prepared facts checks every node as it goes; both
+        // ways must agree.
+        TRex plain = *exp;
+        plain.cursor = nullptr;
+        for (TRex* e : {exp, &plain}) {
+            for (const char* s : c.hits) EXPECT_TRUE(trex_match(e, s)) << s;
+            for (const char* s : c.misses) EXPECT_FALSE(trex_match(e, s)) << s;
+        }
         trex_free(exp);
     }
     EXPECT_NO_ERRORS();
@@ -307,6 +320,67 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
         EXPECT_TRUE(trex_match(exp, subject.c_str()));
         trex_free(exp);
     }
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
+    // Both ways of matching count the same steps, so the shortest subject of a family that
+    // exceeds the limit on the plain path is the shortest one on the prepared path too. The
+    // families run through a .* scan over a class, repetitions of a class followed by a group
+    // of alternatives, and a class of several members.
+    struct family {
+        const char* pattern;
+        std::string head, unit;
+    };
+    const std::vector<family> families = {
+        {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
+        {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},
+    };
+    for (const auto& f : families) {
+        SCOPED_TRACE(f.pattern);
+        TRex* exp = trex_compile_ex(f.pattern, 0);
+        ASSERT_NE(exp, nullptr);
+        ASSERT_NE(exp->cursor, nullptr);
+        TRex plain = *exp;
+        plain.cursor = nullptr;
+        const auto gives_up = [&](TRex* e, long units) {
+            std::string subject = f.head;
+            for (long k = 0; k < units; ++k) subject += f.unit;
+            clear_log();
+            const bool matched = trex_match(e, subject.c_str());
+            return !matched &&
+                   ow_test::has_error("trex_match", "match abandoned after 1000000 steps");
+        };
+        long fine = 0;
+        long over = 1 << 20;
+        ASSERT_TRUE(gives_up(&plain, over));
+        while (over - fine > 1) {
+            const long mid = (fine + over) / 2;
+            (gives_up(&plain, mid) ? over : fine) = mid;
+        }
+        EXPECT_TRUE(gives_up(exp, over)) << over;
+        EXPECT_FALSE(gives_up(exp, fine)) << fine;
+        trex_free(exp);
+    }
+}
+
+TEST_F(TinyRexTest, PreparedFactsOnlyServeTheArrayAndCaseModeTheyDescribe) {
+    TRex* exp = trex_compile_ex("\\.netco\\.net$", 1);
+    ASSERT_NE(exp, nullptr);
+    EXPECT_FALSE(trex_match(exp, "a.NETCO.net"));
+    exp->case_mode = 0;  // facts built for exact comparison no longer hold
+    EXPECT_TRUE(trex_match(exp, "a.NETCO.net"));
+
+    // Another array behind the same record: the facts stay with the array they describe.
+    TRex moved = *exp;
+    const std::size_t bytes = static_cast<std::size_t>(exp->nallocated) * sizeof(TRexNode);
+    moved.nodes = static_cast<TRexNode*>(std::malloc(bytes));
+    std::memcpy(moved.nodes, exp->nodes, bytes);
+    moved.nodes[4].type = 'x';  // ".nxtco.net"
+    EXPECT_TRUE(trex_match(&moved, "a.NXTCO.net"));
+    EXPECT_FALSE(trex_match(&moved, "a.netco.net"));
+    std::free(moved.nodes);
+    trex_free(exp);
     EXPECT_NO_ERRORS();
 }
 
