@@ -208,6 +208,26 @@ TEST_F(TinyRexStorageTest, RecordSizeLimits) {
     trex_free(compiled);
 }
 
+TEST_F(TinyRexStorageTest, ARecordOfClassesTooLongToTabulateIsStillMatched) {
+    // Thirty classes in a row share one chain of 4000 members, of which only the last takes
+    // 'a': too much to tabulate when the record is read, so it is matched member by member.
+    std::vector<TRexNode> nodes = {{OP_EXPRESSION, 1, 0, -1}, {OP_ANY_RUN, -1, -1, 2}};
+    constexpr int32_t kClasses = 30;
+    constexpr int32_t kMembers = 4000;
+    constexpr int32_t kFirstMember = 2 + kClasses + 2;
+    for (int32_t i = 0; i < kClasses; ++i) nodes.push_back({OP_CLASS, kFirstMember, -1, 3 + i});
+    nodes.push_back({OP_ANY_RUN, -1, -1, 3 + kClasses});
+    nodes.push_back({OP_EOL, -1, -1, -1});
+    for (int32_t i = 0; i < kMembers; ++i) {
+        const bool last = i == kMembers - 1;
+        nodes.push_back({last ? 'a' : 'b' + i % 20, -1, -1, last ? -1 : kFirstMember + i + 1});
+    }
+    write_bytes(file_of({nodes}));
+    EXPECT_TRUE(compiled_regex_match(path_.c_str(), ("x" + std::string(kClasses, 'a')).c_str()));
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), std::string(kClasses - 1, 'a').c_str()));
+    EXPECT_NO_ERRORS();
+}
+
 TEST_F(TinyRexStorageTest, AFileOfSlowDamagedRecordsEndsInTime) {
     // Found by fuzzing: damaged records that each run a match to its step budget.
     const std::string path =

@@ -251,6 +251,21 @@ TEST_F(TinyRexTest, CorruptNodesAreRefusedBeforeUse) {
         trex_free(c.exp);
     }
 
+    // Nodes the matcher never enters are not refused either: the members of a class after
+    // the first, and whatever lies beyond the nodes in use.
+    TRex* unentered = nodes({kRoot,
+                             {OP_ANY_RUN, -1, -1, 2},
+                             {OP_CLASS, 3, -1, -1},
+                             {'a', -1, -1, 4},
+                             {OP_UNUSED, -1, -1, -1},
+                             {OP_UNUSED, 9, 9, 9}});
+    clear_log();
+    EXPECT_TRUE(trex_validate(unentered));
+    EXPECT_TRUE(trex_match(unentered, "xa"));
+    EXPECT_FALSE(trex_match(unentered, "xb"));
+    EXPECT_NO_ERRORS();
+    trex_free(unentered);
+
     // The control codes the escapes produce are valid in stored nodes as well.
     TRex* tab = nodes({kRoot,
                        {OP_ANY_RUN, -1, -1, 2},
@@ -335,6 +350,8 @@ TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
     const std::vector<family> families = {
         {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
         {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},
+        {"q\\d?[^q]z", "z", "q1q"},
+        {"(a|b)c*d", "d", "acab"},
     };
     for (const auto& f : families) {
         SCOPED_TRACE(f.pattern);
