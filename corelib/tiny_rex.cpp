@@ -827,6 +827,12 @@ struct prepared {
     const byte_set* sets() const { return reinterpret_cast<const byte_set*>(facts() + count); }
 };
 
+// The facts start right behind the last node and each part starts where the one before ends.
+static_assert(alignof(prepared) <= sizeof(TRexNode));
+static_assert(sizeof(prepared) % alignof(node_facts) == 0);
+static_assert(sizeof(node_facts) % alignof(byte_set) == 0);
+static_assert(sizeof(byte_set) % alignof(uint32_t) == 0);
+
 // Whether one class member takes byte c.
 bool member_matches(const TRexNode& member, unsigned char c, bool exact) {
     if (member.type == OP_RANGE) {
