@@ -877,24 +877,25 @@ bool accepted_bytes(const prepared& p, int32_t i, byte_set* out) {
     return true;
 }
 
-// Adds to out the bytes that any match of the sequence at node i, begun at the start of the
-// subject, consumes first; false when no such set is known. Only ever asked at the start, where
-// "^" consumes nothing and always holds.
-bool start_bytes(const prepared& p, int32_t i, int depth, byte_set* out) {
+// Adds to out the bytes that any match of node i, begun at the start of the subject, consumes
+// first; false when no such set is known. alone: node i is matched by itself, as the operand
+// of a repetition is, rather than followed by the rest of its sequence. Only ever asked at the
+// start, where "^" consumes nothing and always holds.
+bool start_bytes(const prepared& p, int32_t i, bool alone, int depth, byte_set* out) {
     if (depth > kMaxFirstDepth) return false;
     const TRexNode& n = p.nodes[i];
     switch (n.type) {
         case OP_BOL:
-            return n.next >= 0 && start_bytes(p, n.next, depth + 1, out);
+            return !alone && n.next >= 0 && start_bytes(p, n.next, false, depth + 1, out);
         case OP_EXPRESSION:
         case OP_EXPRESSION_ALT:
-            return start_bytes(p, n.left, depth + 1, out);
+            return start_bytes(p, n.left, false, depth + 1, out);
         case OP_OR:
-            return start_bytes(p, n.left, depth + 1, out) &&
-                   start_bytes(p, n.right, depth + 1, out);
+            return start_bytes(p, n.left, false, depth + 1, out) &&
+                   start_bytes(p, n.right, false, depth + 1, out);
         case OP_GREEDY:
             // The first repetition is required, and it starts where the node does.
-            return bounds_min(n.right) > 0 && start_bytes(p, n.left, depth + 1, out);
+            return bounds_min(n.right) > 0 && start_bytes(p, n.left, true, depth + 1, out);
         default:
             return accepted_bytes(p, i, out);
     }
@@ -1074,12 +1075,17 @@ void prepare(TRex* exp) {
         if (exp->nodes[i].type == OP_OR) facts[i].byte_alternatives = only_byte_alternatives(*p, i);
     }
 
-    byte_set start{};
-    if (start_bytes(*p, exp->nodes[0].left, 0, &start)) {
-        p->has_start = true;
-        p->start = start;
+    // The whole pattern is the sequence of a root group; any other root is matched as it is
+    // and tells nothing about the subject here.
+    const int32_t root = exp->nodes[0].type;
+    if (root == OP_EXPRESSION || root == OP_EXPRESSION_ALT) {
+        byte_set start{};
+        if (start_bytes(*p, exp->nodes[0].left, false, 0, &start)) {
+            p->has_start = true;
+            p->start = start;
+        }
+        find_literals(p);
     }
-    find_literals(p);
     p->magic = kPreparedMagic;
     exp->cursor = reinterpret_cast<const char*>(p);
 }

@@ -4,8 +4,8 @@
 // subject and write the same lines, except that the prepared path may turn a subject down
 // before matching and so skip the lines of a match the plain path abandoned.
 // Input layout: a flags byte (bit 0: exact case, bit 1: nodes rather than pattern text, bit 2:
-// keep the case mode for nodes), then either the pattern, a NUL and the subject, or a node
-// count byte, four bytes per node (type, left, right, next) and the subject.
+// keep the case mode for nodes, bit 3: any node as the root), then either the pattern, a NUL and
+// the subject, or a node count byte, four bytes per node (type, left, right, next) and the subject.
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -57,8 +57,8 @@ constexpr int32_t kTypes[] = {'a',
                               OP_ANY_RUN};
 
 // Turns bytes into nodes whose links mostly stay inside the array, so that many arrays
-// survive validation and reach the matcher.
-std::vector<TRexNode> nodes_from(const uint8_t* data, std::size_t count) {
+// survive validation and reach the matcher. The root is a group unless any_root.
+std::vector<TRexNode> nodes_from(const uint8_t* data, std::size_t count, bool any_root) {
     std::vector<TRexNode> nodes(count);
     const auto link = [count](uint8_t b) {
         return static_cast<int32_t>(b % (count + 1)) - 1;  // -1 or an index
@@ -78,6 +78,7 @@ std::vector<TRexNode> nodes_from(const uint8_t* data, std::size_t count) {
         if (n.type == OP_CHARACTER_CLASS) n.left = "dDwWsSaxu"[b[1] % 9];
         if (n.type == OP_WORD_BLOCK) n.left = (b[1] & 1) != 0 ? 'b' : 'B';
     }
+    if (!nodes.empty() && any_root) return nodes;
     if (!nodes.empty()) {
         nodes[0].type = OP_EXPRESSION;
         if (nodes[0].left < 0) nodes[0].left = count > 1 ? 1 : 0;
@@ -139,8 +140,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (rest.size() < 1 + 4 * count) return 0;
         head = rest.substr(1, 4 * count);
         subject = rest.substr(1 + 4 * count);
-        exp = load(nodes_from(reinterpret_cast<const uint8_t*>(head.data()), count),
-                   (data[0] & 4) != 0 ? case_mode : 0);
+        exp = load(
+            nodes_from(reinterpret_cast<const uint8_t*>(head.data()), count, (data[0] & 8) != 0),
+            (data[0] & 4) != 0 ? case_mode : 0);
     }
     if (exp != nullptr) {
         compare(exp, subject.c_str());
