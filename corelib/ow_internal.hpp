@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -15,6 +16,8 @@
 #include <utility>
 
 #include "ow_log.h"
+
+struct TRex;
 
 namespace ow {
 
@@ -112,6 +115,14 @@ inline bool mul_overflows(std::size_t a, std::size_t b, std::size_t* out) noexce
 inline bool add_overflows(std::size_t a, std::size_t b, std::size_t* out) noexcept {
     return __builtin_add_overflow(a, b, out);
 }
+
+// ---------------------------------------------------------------------------------------
+// Regex. The matcher keeps facts about a pattern behind the last of its nallocated nodes, in
+// the node array's own block. Whoever allocates a node array leaves trex_tail_bytes(count)
+// bytes of room behind count nodes (0 when a pattern that large is matched without them) and
+// calls trex_prepare() once the nodes are in place; any other array takes the plain path.
+std::size_t trex_tail_bytes(int32_t count) noexcept;
+void trex_prepare(TRex* exp) noexcept;
 
 }  // namespace ow
 

@@ -101,6 +101,7 @@ bool trs_next(FILE* fp, TRex* exp) {
         OW_EINVAL();
         return false;
     }
+    exp->cursor = nullptr;  // the facts of the pattern this record replaces no longer hold
     unsigned char raw[sizeof(int32_t)] = {};
     errno = 0;
     const std::size_t got = std::fread(raw, 1, sizeof raw, fp);
@@ -130,7 +131,9 @@ bool trs_next(FILE* fp, TRex* exp) {
         return false;
     }
     std::free(exp->nodes);
-    exp->nodes = static_cast<TRexNode*>(ow::mem_calloc(static_cast<std::size_t>(count), 16));
+    // count is at most TRS_MAX_NODES here, so the size cannot overflow.
+    exp->nodes = static_cast<TRexNode*>(
+        ow::mem_calloc(1, static_cast<std::size_t>(count) * 16 + ow::trex_tail_bytes(count)));
     if (exp->nodes == nullptr) {
         OW_ENOMEM();
         exp->nallocated = 0;
@@ -142,6 +145,7 @@ bool trs_next(FILE* fp, TRex* exp) {
             return false;
         }
     }
+    ow::trex_prepare(exp);
     return true;
 }
 

@@ -26,6 +26,11 @@
  *  7. Failures are ERROR lines through ow_log.h and a failure value; nothing aborts.
  *  8. A compiled pattern is not thread-safe while it is being matched (the matcher keeps its
  *     subject bounds in the record); give each thread its own.
+ *  9. trex_compile_ex() and trs_next() keep facts about the pattern (checked nodes, class
+ *     tables, required text) in the node array's block, behind its nallocated nodes, and
+ *     point cursor at them; they are freed with the nodes. The nodes of such a pattern are
+ *     read-only: a caller who changes them, or gives the record another array, sets cursor
+ *     to NULL, and the matcher then checks each node as it goes.
  */
 #ifndef TINY_REX_H
 #define TINY_REX_H
@@ -81,7 +86,7 @@ typedef struct TRex {
     int32_t first;      /* index of the root node, always 0 */
     const char* eol;    /* end of the subject (its NUL) during a match */
     const char* bol;    /* start of the subject during a match */
-    const char* cursor; /* parse position during compilation */
+    const char* cursor; /* parse position during compilation; then the matcher's own data */
     uint8_t case_mode;  /* 0: ignore case; anything else: exact */
 } TRex;
 
@@ -94,6 +99,13 @@ OW_API TRex* trex_compile_ex(const char* pattern, uint8_t case_mode);
  * holds a corrupt node on the path the match takes, or when the match exceeds its limits
  * (convention 4). */
 OW_API bool trex_match(TRex* exp, const char* subject);
+
+/* True when every node trex_match() can enter from the root passes the check it makes before
+ * entering one, so that matching exp never fails on a corrupt node. False, with the ERROR
+ * line of the first node refused (the line trex_match() would write), when one does not; for
+ * a NULL exp (EINVAL) or when memory runs out (ENOMEM). A pattern that compiles can still
+ * fail here: a repetition {2,1} or {65535}. */
+OW_API bool trex_validate(const TRex* exp);
 
 /* Releases the node array and the record. NULL is ignored. */
 OW_API void trex_free(TRex* exp);

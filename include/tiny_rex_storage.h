@@ -41,7 +41,8 @@ OW_API bool trs_set_header(FILE* fp);
 OW_API bool trs_store(FILE* fp, const TRex* exp);
 
 /* Reads the record at fp's position into exp: exp->nodes is replaced (the old array is
- * freed) and exp->nallocated set to the node count; the other fields are left alone. False
+ * freed), exp->nallocated set to the node count and exp->cursor to the matcher's facts
+ * (tiny_rex.h, convention 9), or NULL; the other fields are left alone. False
  * at the end of the file (a DEBUG line) and for a bad record (logged); after a bad record
  * fp is wherever the read stopped, so the caller may go on reading. */
 OW_API bool trs_next(FILE* fp, TRex* exp);

@@ -77,23 +77,6 @@ bool blank(const std::string& line) {
     return line.find_first_not_of(" \t\v\f") == std::string::npos;
 }
 
-// A repetition the matcher is sure to refuse: better reported now than at every lookup.
-std::string unusable_repetition(const TRex* exp) {
-    for (int32_t i = 0; i < exp->nsize; ++i) {
-        const TRexNode& n = exp->nodes[i];
-        if (n.type != OP_GREEDY) continue;
-        const auto bounds = static_cast<uint32_t>(n.right);
-        const uint32_t min = bounds >> 16;
-        const uint32_t max = bounds & 0xFFFFu;
-        if (n.right == -1) return "a repetition {65535} cannot be stored";
-        if (min > max) {
-            return "repetition {" + std::to_string(min) + "," + std::to_string(max) +
-                   "} has its minimum above its maximum";
-        }
-    }
-    return {};
-}
-
 // Reads and compiles every pattern; false when any of them fails (each one reported).
 bool compile_patterns(const char* source, std::vector<pattern_ptr>* patterns) {
     FILE* in = std::fopen(source, "r");
@@ -125,8 +108,9 @@ bool compile_patterns(const char* source, std::vector<pattern_ptr>* patterns) {
         } else if (exp->nsize > TRS_MAX_NODES) {
             problem = "the pattern needs " + std::to_string(exp->nsize) + " nodes, at most " +
                       std::to_string(TRS_MAX_NODES) + " fit in a record";
-        } else {
-            problem = unusable_repetition(exp.get());
+        } else if (!trex_validate(exp.get())) {
+            // The matcher would refuse it at every lookup: better reported now.
+            problem = joined_errors();
         }
         if (!problem.empty()) {
             std::fprintf(stderr, "%s:%ld: cannot compile [%s]: %s\n", source, number, line.c_str(),

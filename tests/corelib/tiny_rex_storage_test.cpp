@@ -199,6 +199,53 @@ TEST_F(TinyRexStorageTest, RecordSizeLimits) {
     trex_free(compiled);
 }
 
+TEST_F(TinyRexStorageTest, RecordsNoCompilerWritesAnswerAsTheyDid) {
+    // Found by fuzzing: shapes whose first byte or literal text a reader of compiled patterns
+    // would get wrong. A repeated line start matches by itself, without the node after it; and
+    // a root that is no group is matched as it is, wherever the match then ends.
+    struct record_case {
+        std::vector<TRexNode> nodes;
+        const char* subject;
+        bool expected;
+    };
+    const std::vector<record_case> cases = {
+        {{{OP_EXPRESSION, 1, 0, -1},
+          {OP_GREEDY, 2, 3 << 16 | 3, -1},
+          {OP_BOL, -1, -1, 3},
+          {'a', -1, -1, -1}},
+         "",
+         true},
+        {{{'x', -1, -1, 1}, {'y', -1, -1, -1}}, "xq", true},
+        {{{'x', -1, -1, 1}, {'y', -1, -1, -1}}, "qx", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.subject);
+        write_bytes(file_of({c.nodes}));
+        EXPECT_EQ(compiled_regex_match(path_.c_str(), c.subject), c.expected);
+    }
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(TinyRexStorageTest, ARecordOfClassesTooLongToTabulateIsStillMatched) {
+    // Thirty classes in a row share one chain of 4000 members, of which only the last takes
+    // 'a': too much to tabulate when the record is read, so it is matched member by member.
+    std::vector<TRexNode> nodes = {{OP_EXPRESSION, 1, 0, -1}, {OP_ANY_RUN, -1, -1, 2}};
+    constexpr int32_t kClasses = 30;
+    constexpr int32_t kMembers = 4000;
+    constexpr int32_t kFirstMember = 2 + kClasses + 2;
+    for (int32_t i = 0; i < kClasses; ++i) nodes.push_back({OP_CLASS, kFirstMember, -1, 3 + i});
+    nodes.push_back({OP_ANY_RUN, -1, -1, 3 + kClasses});
+    nodes.push_back({OP_EOL, -1, -1, -1});
+    for (int32_t i = 0; i < kMembers; ++i) {
+        const bool last = i == kMembers - 1;
+        nodes.push_back({last ? 'a' : 'b' + i % 20, -1, -1, last ? -1 : kFirstMember + i + 1});
+    }
+    write_bytes(file_of({nodes}));
+    EXPECT_TRUE(compiled_regex_match(path_.c_str(), ("x" + std::string(kClasses, 'a')).c_str()));
+    EXPECT_FALSE(compiled_regex_match(path_.c_str(), std::string(kClasses - 1, 'a').c_str()));
+    EXPECT_NO_ERRORS();
+}
+
 TEST_F(TinyRexStorageTest, MissingFilesAndRefusedArguments) {
     EXPECT_FALSE(compiled_regex_match((dir_ + "/missing.cregexes").c_str(), "x"));
     EXPECT_FALSE(compiled_regex_match(dir_.c_str(), "x"));  // a directory is not a pattern file

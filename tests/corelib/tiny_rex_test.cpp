@@ -93,6 +93,13 @@ TEST_F(TinyRexTest, Matches) {
         {"^(mx|mx1)\\.", 0, {"mx1.example"}, {}},  // a later alternative after a failed rest
         {"\\.(dsl|cable|dyn)\\.", 0, {"h.cable.example"}, {"h.cablex.example"}},
         // The dynamic-host pattern; "1234.5678.9.10" has a field of four digits.
+        // What a matching subject must begin with, end with or contain, in both case modes.
+        {"^(dsl|cable)\\d", 0, {"Cable7.x", "DSL1"}, {"xcable1", "", "dsl"}},
+        {"^[^a-c]x", 0, {"dx"}, {"Bx", "x"}},
+        {"\\.netco\\.net$", 0, {"a.NETCO.Net"}, {"a.netco.net.x", "netco.net"}},
+        {"\\.netco\\.net$", 1, {"a.netco.net"}, {"a.NETCO.net"}},
+        {"netco-\\d+\\.", 0, {"x.NetCo-12.y"}, {"netco.12.", "netc"}},
+        {"^a?b+(x|\\d)y$", 0, {"abbxy", "b5y"}, {"abby", "ab5"}},
         {"[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}(\\-|_|\\.)[0-9]{1,3}",
          0,
          {"host-10-1-2-3.net", "dsl-187-12-34-56.dyn.example.net", "81-64-2-7.rev.example.fr",
@@ -105,8 +112,14 @@ TEST_F(TinyRexTest, Matches) {
         SCOPED_TRACE("pattern [" + c.pattern + "] mode " + std::to_string(c.case_mode));
         TRex* exp = trex_compile_ex(c.pattern.c_str(), c.case_mode);
         ASSERT_NE(exp, nullptr) << ow_test::dump();
-        for (const char* s : c.hits) EXPECT_TRUE(trex_match(exp, s)) << s;
-        for (const char* s : c.misses) EXPECT_FALSE(trex_match(exp, s)) << s;
+        // The same record without its prepared facts checks every node as it goes; both
+        // ways must agree.
+        TRex plain = *exp;
+        plain.cursor = nullptr;
+        for (TRex* e : {exp, &plain}) {
+            for (const char* s : c.hits) EXPECT_TRUE(trex_match(e, s)) << s;
+            for (const char* s : c.misses) EXPECT_FALSE(trex_match(e, s)) << s;
+        }
         trex_free(exp);
     }
     EXPECT_NO_ERRORS();
@@ -162,19 +175,22 @@ TEST_F(TinyRexTest, CompilerErrorTexts) {
 
 TEST_F(TinyRexTest, EveryAllocationFailureIsReportedAndReleased) {
     // "^a$" needs one node more than its text has characters, so the array must grow once:
-    // allocations are the record, the text, the array and the growth.
+    // allocations are the record, the text, the array, the growth and the room for the
+    // matcher's facts.
     long before = ow::testing::allocation_count();
     trex_free(trex_compile_ex("^a$", 0));
     const long needed = ow::testing::allocation_count() - before;
-    EXPECT_EQ(needed, 4);
+    EXPECT_EQ(needed, 5);
     for (long n = 1; n <= needed; ++n) {
         SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
         EXPECT_EQ(trex_compile_ex("^a$", 0), nullptr);
         EXPECT_ERROR_LINE("trex_compile_ex", std::strerror(ENOMEM));
+        if (n == 4) {
+            EXPECT_ERROR_LINE("trex_compile_ex", "failed to create EOL node");
+        }
     }
-    EXPECT_ERROR_LINE("trex_compile_ex", "failed to create EOL node");
     ow::testing::fail_allocation(1);
     EXPECT_EQ(trex_escape("a.b"), nullptr);
     EXPECT_ERROR_LINE("trex_escape", std::strerror(ENOMEM));
@@ -223,8 +239,31 @@ TEST_F(TinyRexTest, CorruptNodesAreRefusedBeforeUse) {
         }
         EXPECT_ERROR_LINE("trex_match", std::strerror(EINVAL));
         EXPECT_EQ(ow_test::error_count(), c.line != nullptr ? 2u : 1u) << ow_test::dump();
+        // Validation ahead of matching refuses the same node with the same line.
+        clear_log();
+        EXPECT_FALSE(trex_validate(c.exp));
+        EXPECT_EQ(ow_test::error_count(), c.line != nullptr || c.exp == nullptr ? 1u : 0u)
+            << ow_test::dump();
+        if (c.line != nullptr) {
+            EXPECT_ERROR_LINE("__trex_node_is_valid", c.line);
+        }
         trex_free(c.exp);
     }
+
+    // Nodes the matcher never enters are not refused either: the members of a class after
+    // the first, and whatever lies beyond the nodes in use.
+    TRex* unentered = nodes({kRoot,
+                             {OP_ANY_RUN, -1, -1, 2},
+                             {OP_CLASS, 3, -1, -1},
+                             {'a', -1, -1, 4},
+                             {OP_UNUSED, -1, -1, -1},
+                             {OP_UNUSED, 9, 9, 9}});
+    clear_log();
+    EXPECT_TRUE(trex_validate(unentered));
+    EXPECT_TRUE(trex_match(unentered, "xa"));
+    EXPECT_FALSE(trex_match(unentered, "xb"));
+    EXPECT_NO_ERRORS();
+    trex_free(unentered);
 
     // The control codes the escapes produce are valid in stored nodes as well.
     TRex* tab = nodes({kRoot,
@@ -257,8 +296,8 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
          "match abandoned at recursion depth 1000"},
         {"cycle", nodes({kRoot, {OP_BOL, -1, -1, 1}}), "abc",
          "match abandoned after 1000000 steps"},
-        {"backtracking", trex_compile_ex("a*a*a*a*a*a*a*a*a*a*a*a*a*a*b", 0), std::string(64, 'a'),
-         "match abandoned after 1000000 steps"},
+        {"backtracking", trex_compile_ex("^a*a*a*a*a*a*a*a*a*a*a*a*a*a*b", 0),
+         std::string(64, 'a') + "cb", "match abandoned after 1000000 steps"},
         {"fuzz words", trex_compile_ex(slow.c_str(), 0), "d q word dd;ddHddddc", nullptr},
         {"fuzz self", trex_compile_ex(slow.c_str(), 0), slow, nullptr},
     };
@@ -293,6 +332,69 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
         EXPECT_TRUE(trex_match(exp, subject.c_str()));
         trex_free(exp);
     }
+    EXPECT_NO_ERRORS();
+}
+
+TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
+    // Both ways of matching count the same steps, so the shortest subject of a family that
+    // exceeds the limit on the plain path is the shortest one on the prepared path too. The
+    // families run through a .* scan over a class, repetitions of a class followed by a group
+    // of alternatives, and a class of several members.
+    struct family {
+        const char* pattern;
+        std::string head, unit;
+    };
+    const std::vector<family> families = {
+        {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
+        {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},
+        {"q\\d?[^q]z", "z", "q1q"},
+        {"(a|b)c*d", "d", "acab"},
+    };
+    for (const auto& f : families) {
+        SCOPED_TRACE(f.pattern);
+        TRex* exp = trex_compile_ex(f.pattern, 0);
+        ASSERT_NE(exp, nullptr);
+        ASSERT_NE(exp->cursor, nullptr);
+        TRex plain = *exp;
+        plain.cursor = nullptr;
+        const auto gives_up = [&](TRex* e, long units) {
+            std::string subject = f.head;
+            for (long k = 0; k < units; ++k) subject += f.unit;
+            clear_log();
+            const bool matched = trex_match(e, subject.c_str());
+            return !matched &&
+                   ow_test::has_error("trex_match", "match abandoned after 1000000 steps");
+        };
+        long fine = 0;
+        long over = 1 << 20;
+        ASSERT_TRUE(gives_up(&plain, over));
+        while (over - fine > 1) {
+            const long mid = (fine + over) / 2;
+            (gives_up(&plain, mid) ? over : fine) = mid;
+        }
+        EXPECT_TRUE(gives_up(exp, over)) << over;
+        EXPECT_FALSE(gives_up(exp, fine)) << fine;
+        trex_free(exp);
+    }
+}
+
+TEST_F(TinyRexTest, PreparedFactsOnlyServeTheArrayAndCaseModeTheyDescribe) {
+    TRex* exp = trex_compile_ex("\\.netco\\.net$", 1);
+    ASSERT_NE(exp, nullptr);
+    EXPECT_FALSE(trex_match(exp, "a.NETCO.net"));
+    exp->case_mode = 0;  // facts built for exact comparison no longer hold
+    EXPECT_TRUE(trex_match(exp, "a.NETCO.net"));
+
+    // Another array behind the same record: the facts stay with the array they describe.
+    TRex moved = *exp;
+    const std::size_t bytes = static_cast<std::size_t>(exp->nallocated) * sizeof(TRexNode);
+    moved.nodes = static_cast<TRexNode*>(std::malloc(bytes));
+    std::memcpy(moved.nodes, exp->nodes, bytes);
+    moved.nodes[4].type = 'x';  // ".nxtco.net"
+    EXPECT_TRUE(trex_match(&moved, "a.NXTCO.net"));
+    EXPECT_FALSE(trex_match(&moved, "a.netco.net"));
+    std::free(moved.nodes);
+    trex_free(exp);
     EXPECT_NO_ERRORS();
 }
 

@@ -104,16 +104,18 @@ TEST_F(RegexCompileToolTest, ABadPatternIsReportedAndNothingIsWritten) {
     const std::string out = write_text("spam.cregexes", "previous file");
     const std::string patterns =
         write_text("spam.txt", "good\n[z-a]\n# fine\nalso(good)\na{2,1}\n^*x\n(unclosed\n" +
-                                   std::string(5000, 'a') + "\n");
+                                   std::string(5000, 'a') + "\n(x|y{65535})\n");
     EXPECT_EQ(run(patterns + " " + out), 1);
     for (const std::string& expected : {
              patterns +
                  ":2: cannot compile [[z-a]]: invalid range [z-a].*$]; failed to parse class",
-             patterns + ":5: cannot compile [a{2,1}]: repetition {2,1} has its minimum above",
+             patterns + ":5: cannot compile [a{2,1}]: greedy operator range 2 - 1 is invalid",
              patterns + ":6: cannot compile [^*x]: misplaced repetition operator",
              patterns + ":7: cannot compile [(unclosed]: failed to find expected character [)]",
              patterns + ":8: cannot compile [aaaa",
              std::string("the pattern needs 5004 nodes, at most 4095 fit in a record"),
+             patterns + ":9: cannot compile [(x|y{65535})]: greedy operator must have value "
+                        "in 'right'",
              out + " not written",
          }) {
         EXPECT_NE(output_.find(expected), std::string::npos) << expected << "\n" << output_;
