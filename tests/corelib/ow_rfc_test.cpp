@@ -199,6 +199,11 @@ TEST_F(RfcTest, IpClassification) {
         EXPECT_EQ(ow_is_ip(c.text), c.family);
         EXPECT_EQ(ow_is_ipv6(c.text), c.family == 10);
         EXPECT_EQ(ow_is_unroutable_ip(c.text), c.unroutable);
+        // The line a public address gets, and only a public one.
+        EXPECT_EQ(
+            ow_test::has_debug("ow_is_unroutable_ip", std::string("Address [") + c.text +
+                                                          "] is not a private or reserved address"),
+            !c.unroutable);
     }
     for (const char* no : {"1.2.3", "01.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "::1%lo", "example.com"}) {
         SCOPED_TRACE(no);
