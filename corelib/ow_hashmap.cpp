@@ -495,6 +495,20 @@ bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
     return true;
 }
 
+// Pairs are small blocks, and glibc keeps freed small blocks aside unmerged until a request
+// for a large block makes it sort them all out at once. After a big map is destroyed that
+// would fall on whatever asks for a large block next, typically the next map's first growth,
+// which would then pay for this map's pairs. A large request here settles them in destroy,
+// where the cost belongs. (Called through a volatile pointer: a compiler may otherwise drop
+// an allocation that is freed unused.)
+constexpr uint32_t kSettleAfterPairs = 4096;
+constexpr size_t kSettleRequest = 4096;
+
+void settle_freed_pairs() noexcept {
+    void* (*volatile allocate)(size_t) = &std::malloc;
+    std::free(allocate(kSettleRequest));
+}
+
 // Frees a scratch map's record and table without touching the pairs it points at.
 void drop_table(ow_hashmap* fresh) noexcept {
     std::free(fresh->pairs);
@@ -926,11 +940,13 @@ void ow_map_destroy(ow_hashmap* map) {
         OW_ERROR("Attempting to destroy a static hashmap!");
         return;
     }
+    const uint32_t pairs = map->num_pairs;
     for (uint32_t i = 0; i < map->map_size; ++i) {
         if (map->pairs[i] != nullptr) __destroy_pair(map->pairs[i], true);
     }
     std::free(map->pairs);
     std::free(map);
+    if (pairs >= kSettleAfterPairs) settle_freed_pairs();
 }
 
 ow_map_iterator* ow_map_iterator_start_ex(const ow_hashmap* map, uint32_t direction) {
