@@ -463,9 +463,10 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
 bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
     // The old table is read in order, but its pairs lie anywhere and the new table is written
     // at random, so both are fetched ahead: a pair kPairAhead slots on, then, once it has
-    // arrived, the new bucket of the pair kBucketAhead slots on.
-    constexpr uint32_t kPairAhead = 16;
-    constexpr uint32_t kBucketAhead = 8;
+    // arrived, the new bucket of the pair kBucketAhead slots on. The distances count slots; a
+    // table grows when about a quarter of its slots are used, so they are some 16 and 8 pairs.
+    constexpr uint32_t kPairAhead = 64;
+    constexpr uint32_t kBucketAhead = 32;
     hash_pair_t* const* old = map->pairs;
     const uint32_t size = map->map_size;
     uint8_t* fresh_tags = slot_tags(fresh);
