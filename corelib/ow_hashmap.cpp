@@ -16,6 +16,9 @@
 #include <cstring>
 
 #include <fcntl.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -69,14 +72,11 @@ inline uint32_t get16(const unsigned char* p) noexcept {
     return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8);
 }
 
-// SuperFastHash over the key bytes. Tail bytes are taken as unsigned values, so keys whose
-// length is not a multiple of 4 and whose tail holds bytes >= 0x80 hash differently from the
-// published reference, which sign-extends them; saved static maps depend on this choice.
-uint32_t __super_fast_hash(const char* data, size_t length) {
-    if (data == nullptr || length == 0) {
-        OW_EINVAL();
-        return 0;
-    }
+// The hash proper, for data known to hold length > 0 bytes. Inlined into the lookups: a fetch
+// is a short chain of dependent steps, and the fewer instructions it takes, the sooner the
+// processor reaches the next call's memory accesses while this one's are still on their way.
+__attribute__((always_inline)) inline uint32_t hash_bytes(const char* data,
+                                                          size_t length) noexcept {
     const auto* d = reinterpret_cast<const unsigned char*>(data);
     uint32_t h = static_cast<uint32_t>(length);
     for (size_t blocks = length >> 2; blocks > 0; --blocks, d += 4) {
@@ -113,10 +113,21 @@ uint32_t __super_fast_hash(const char* data, size_t length) {
     return h;
 }
 
+// SuperFastHash over the key bytes. Tail bytes are taken as unsigned values, so keys whose
+// length is not a multiple of 4 and whose tail holds bytes >= 0x80 hash differently from the
+// published reference, which sign-extends them; saved static maps depend on this choice.
+uint32_t __super_fast_hash(const char* data, size_t length) {
+    if (data == nullptr || length == 0) {
+        OW_EINVAL();
+        return 0;
+    }
+    return hash_bytes(data, length);
+}
+
 // The map accepts the empty key as an ordinary key with hash 0; only direct calls of
 // ow_map_hash report it, so storing or fetching "" does not flood the log.
 inline uint32_t key_hash(const char* key) noexcept {
-    return key[0] == '\0' ? 0 : __super_fast_hash(key, std::strlen(key));
+    return key[0] == '\0' ? 0 : hash_bytes(key, std::strlen(key));
 }
 
 inline bool is_static(const ow_hashmap* map) noexcept {
@@ -152,14 +163,45 @@ inline const pair_node* node_of(const hash_pair_t* pair) noexcept {
                                               offsetof(pair_node, pair));
 }
 
-// The slot table is one block: map_size pair pointers, then a 32-bit tag per slot: 0 for an
-// empty slot, else the pair's hash (1 standing in for a hash of 0). A bucket is scanned in its
-// tags alone, one or two cache lines, and a pointer is followed only for a likely match. Only
+// The slot table is one block: map_size pair pointers, then one tag byte per slot, then
+// kTagPad zero bytes. A tag is 0 for an empty slot, else the top byte of the pair's hash (1
+// standing in for 0). A bucket is scanned in its tags alone, 16 at a time, and a pointer is
+// followed only for a likely match (about one slot in 255 matches by chance). One byte rather
+// than the whole hash keeps the tags of a large table small enough to stay cached, and a
+// bucket's tags on one cache line; growth reads the full hash from the pairs instead. Only
 // maps the library built have tags; static maps take the plain scan.
-inline uint32_t* slot_tags(const ow_hashmap* map) noexcept {
-    return reinterpret_cast<uint32_t*>(map->pairs + map->map_size);
+constexpr uint32_t kGroup = 16;
+constexpr size_t kTagPad = kGroup;  // a group read at the last bucket stays inside the block
+
+inline uint8_t* slot_tags(const ow_hashmap* map) noexcept {
+    return reinterpret_cast<uint8_t*>(map->pairs + map->map_size);
 }
-inline uint32_t tag_of(uint32_t hash) noexcept { return hash != 0 ? hash : 1; }
+inline uint8_t tag_of(uint32_t hash) noexcept {
+    const auto top = static_cast<uint8_t>(hash >> 24);
+    return top != 0 ? top : 1;
+}
+
+// Bit i set where tags[i] equals tag, for the 16 tags from tags on.
+inline uint32_t group_match(const uint8_t* tags, uint8_t tag) noexcept {
+#if defined(__SSE2__)
+    const __m128i group = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tags));
+    const __m128i same = _mm_cmpeq_epi8(group, _mm_set1_epi8(static_cast<char>(tag)));
+    return static_cast<uint32_t>(_mm_movemask_epi8(same));
+#else
+    uint32_t bits = 0;
+    for (uint32_t i = 0; i < kGroup; ++i) bits |= static_cast<uint32_t>(tags[i] == tag) << i;
+    return bits;
+#endif
+}
+
+// The bits of a group that still lie inside a bucket with remaining slots from the group on.
+inline uint32_t group_limit(uint64_t remaining) noexcept {
+    return remaining >= kGroup ? (1u << kGroup) - 1 : (1u << remaining) - 1;
+}
+
+inline uint32_t lowest_bit(uint32_t bits) noexcept {
+    return static_cast<uint32_t>(__builtin_ctz(bits));
+}
 
 inline void put_slot(ow_hashmap* map, uint64_t slot, hash_pair_t* pair) noexcept {
     assert(slot < map->map_size);
@@ -177,6 +219,34 @@ inline uint64_t bucket_start(const ow_hashmap* map, uint32_t hash) noexcept {
     return static_cast<uint64_t>(hash % map->num_buckets) * map->bucket_size;
 }
 
+// Index of the slot of the bucket starting at start that holds key, or -1.
+inline int64_t find_in_bucket(const ow_hashmap* map, uint64_t start, const char* key,
+                              uint32_t hash) noexcept {
+    const uint8_t* tags = slot_tags(map) + start;
+    const uint8_t tag = tag_of(hash);
+    for (uint64_t group = 0; group < map->bucket_size; group += kGroup) {
+        uint32_t bits = group_match(tags + group, tag) & group_limit(map->bucket_size - group);
+        for (; bits != 0; bits &= bits - 1) {
+            const uint64_t slot = start + group + lowest_bit(bits);
+            const hash_pair_t* p = map->pairs[slot];
+            if (p->hash == hash && std::strcmp(p->key, key) == 0) {
+                return static_cast<int64_t>(slot);
+            }
+        }
+    }
+    return -1;
+}
+
+// Index of the first empty slot of the bucket starting at start, or -1.
+inline int64_t hole_in_bucket(const ow_hashmap* map, uint64_t start) noexcept {
+    const uint8_t* tags = slot_tags(map) + start;
+    for (uint64_t group = 0; group < map->bucket_size; group += kGroup) {
+        const uint32_t bits = group_match(tags + group, 0) & group_limit(map->bucket_size - group);
+        if (bits != 0) return static_cast<int64_t>(start + group + lowest_bit(bits));
+    }
+    return -1;
+}
+
 // Index of the slot holding key, or -1.
 int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcept {
     if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
@@ -191,27 +261,13 @@ int64_t find_slot(const ow_hashmap* map, const char* key, uint32_t hash) noexcep
         return -1;
     }
     __builtin_prefetch(map->pairs + start);  // in parallel with the tags: a hit needs both
-    const uint32_t* tags = slot_tags(map) + start;
-    const uint32_t tag = tag_of(hash);
-    for (uint32_t i = 0; i < map->bucket_size; ++i) {
-        if (tags[i] != tag) continue;
-        const hash_pair_t* p = map->pairs[start + i];
-        if (p != nullptr && p->hash == hash && std::strcmp(p->key, key) == 0) {
-            return static_cast<int64_t>(start + i);
-        }
-    }
-    return -1;
+    return find_in_bucket(map, start, key, hash);
 }
 
 // Index of the first empty slot of the bucket of hash, or -1. Never for a static map.
 int64_t free_slot(const ow_hashmap* map, uint32_t hash) noexcept {
     if (map->num_buckets == 0 || map->bucket_size == 0 || map->pairs == nullptr) return -1;
-    const uint64_t start = bucket_start(map, hash);
-    const uint32_t* tags = slot_tags(map) + start;
-    for (uint32_t i = 0; i < map->bucket_size; ++i) {
-        if (tags[i] == 0) return static_cast<int64_t>(start + i);
-    }
-    return -1;
+    return hole_in_bucket(map, bucket_start(map, hash));
 }
 
 // A key measured and hashed once: a store hashes before it allocates, so the bucket it
@@ -224,7 +280,7 @@ struct hashed_key {
 
 inline hashed_key hash_key(const char* key) noexcept {
     const size_t length = std::strlen(key);
-    return {key, length, length == 0 ? 0 : __super_fast_hash(key, length)};
+    return {key, length, length == 0 ? 0 : hash_bytes(key, length)};
 }
 
 // Starts loading the tags and pointers of hash's bucket. Never for a static map.
@@ -311,7 +367,7 @@ void __destroy_pair(hash_pair_t* pair, bool release) {
 // hint: nothing depends on it being honoured.
 void advise_huge_pages(void* block, size_t bytes) noexcept {
     constexpr uintptr_t kHuge = uintptr_t{2} << 20;
-    if (bytes < 4 * kHuge) return;
+    if (bytes < 2 * kHuge) return;
     const uintptr_t begin = (reinterpret_cast<uintptr_t>(block) + kHuge - 1) & ~(kHuge - 1);
     const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(kHuge - 1);
     if (end > begin) (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
@@ -321,7 +377,7 @@ bool __map_init(ow_hashmap* map, uint32_t num_buckets, uint32_t bucket_size) {
     const uint32_t size = num_buckets * bucket_size;  // callers checked the product
     hash_pair_t** slots = nullptr;
     if (size != 0) {
-        const size_t bytes = static_cast<size_t>(size) * (sizeof(hash_pair_t*) + sizeof(uint32_t));
+        const size_t bytes = static_cast<size_t>(size) * (sizeof(hash_pair_t*) + 1) + kTagPad;
         slots = static_cast<hash_pair_t**>(ow::mem_calloc(1, bytes));
         if (slots == nullptr) return false;
         advise_huge_pages(slots, bytes);
@@ -333,13 +389,34 @@ bool __map_init(ow_hashmap* map, uint32_t num_buckets, uint32_t bucket_size) {
     return true;
 }
 
+// The pair holding key, or none: find_slot with the common case, a library map whose buckets
+// fit one 16-slot scan, written out so that a fetch stays short (see hash_bytes).
+__attribute__((always_inline)) inline hash_pair_t* lookup(const ow_hashmap* map, const char* key,
+                                                          uint32_t hash) noexcept {
+    const uint32_t width = map->bucket_size;
+    if (is_static(map) || width > kGroup || map->num_buckets == 0 || width == 0 ||
+        map->pairs == nullptr) {
+        const int64_t slot = find_slot(map, key, hash);
+        return slot < 0 ? nullptr : map->pairs[slot];
+    }
+    const uint64_t start = static_cast<uint64_t>(hash % map->num_buckets) * width;
+    hash_pair_t* const* slots = map->pairs + start;
+    __builtin_prefetch(slots);
+    const uint8_t* tags = slot_tags(map) + start;
+    for (uint32_t bits = group_match(tags, tag_of(hash)) & group_limit(width); bits != 0;
+         bits &= bits - 1) {
+        hash_pair_t* p = slots[lowest_bit(bits)];
+        if (p->hash == hash && std::strcmp(p->key, key) == 0) return p;
+    }
+    return nullptr;
+}
+
 hash_pair_t* __map_fetch_hash(const ow_hashmap* map, const char* key, uint32_t hash) {
     if (map == nullptr || key == nullptr) {
         OW_EINVAL();
         return nullptr;
     }
-    const int64_t slot = find_slot(map, key, hash);
-    return slot < 0 ? nullptr : map->pairs[slot];
+    return lookup(map, key, hash);
 }
 
 void link_last(ow_hashmap* map, hash_pair_t* pair) noexcept {
@@ -380,18 +457,20 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
     for (;;) {
         // One pass over the bucket finds both a key stored before and the first hole.
         const uint64_t start = bucket_start(map, pair->hash);
-        const uint32_t* tags = slot_tags(map) + start;
-        const uint32_t tag = tag_of(pair->hash);
+        const uint8_t* tags = slot_tags(map) + start;
+        const uint8_t tag = tag_of(pair->hash);
         int64_t hole = -1;
-        for (uint32_t i = 0; i < map->bucket_size; ++i) {
-            if (tags[i] == 0) {
-                if (hole < 0) hole = i;
-            } else if (tags[i] == tag) {
-                const hash_pair_t* p = map->pairs[start + i];
+        for (uint64_t group = 0; group < map->bucket_size; group += kGroup) {
+            const uint32_t limit = group_limit(map->bucket_size - group);
+            for (uint32_t bits = group_match(tags + group, tag) & limit; bits != 0;
+                 bits &= bits - 1) {
+                const hash_pair_t* p = map->pairs[start + group + lowest_bit(bits)];
                 if (p->hash == pair->hash && std::strcmp(p->key, pair->key) == 0) {
                     return false;  // a key is never stored twice
                 }
             }
+            const uint32_t empty = group_match(tags + group, 0) & limit;
+            if (hole < 0 && empty != 0) hole = static_cast<int64_t>(group + lowest_bit(empty));
         }
         if (hole >= 0) {
             put_slot(map, start + static_cast<uint64_t>(hole), pair);
@@ -411,31 +490,53 @@ bool __map_store(ow_hashmap* map, hash_pair_t* pair, bool link) {
 // distinct, so a pair goes straight to the first hole of its bucket; only a full bucket takes
 // the general store, which grows fresh.
 bool __map_redistribute(const ow_hashmap* map, ow_hashmap* fresh) {
-    // The old table is read in order; the new one is written at random, so the buckets a few
-    // pairs ahead are fetched early. The pairs themselves are never visited: their tags are
-    // their hashes (only a tag of 1 may stand for a hash of 0).
-    constexpr uint32_t kAhead = 8;
-    const uint32_t* old_tags = slot_tags(map);
-    for (uint32_t i = 0; i < map->map_size; ++i) {
-        if (i + kAhead < map->map_size && old_tags[i + kAhead] != 0) {
-            const uint64_t ahead = bucket_start(fresh, old_tags[i + kAhead]);
-            __builtin_prefetch(slot_tags(fresh) + ahead, 1);
+    // The old table is read in order, but its pairs lie anywhere and the new table is written
+    // at random, so both are fetched ahead: a pair kPairAhead slots on, then, once it has
+    // arrived, the new bucket of the pair kBucketAhead slots on. The distances count slots; a
+    // table grows when about a quarter of its slots are used, so they are some 16 and 8 pairs.
+    constexpr uint32_t kPairAhead = 64;
+    constexpr uint32_t kBucketAhead = 32;
+    hash_pair_t* const* old = map->pairs;
+    const uint32_t size = map->map_size;
+    uint8_t* fresh_tags = slot_tags(fresh);
+    for (uint32_t i = 0; i < size; ++i) {
+        if (i + kPairAhead < size && old[i + kPairAhead] != nullptr) {
+            __builtin_prefetch(old[i + kPairAhead]);
+        }
+        if (i + kBucketAhead < size && old[i + kBucketAhead] != nullptr) {
+            const uint64_t ahead = bucket_start(fresh, old[i + kBucketAhead]->hash);
+            __builtin_prefetch(fresh_tags + ahead, 1);
             __builtin_prefetch(fresh->pairs + ahead, 1);
         }
-        const uint32_t tag = old_tags[i];
-        if (tag == 0) continue;
-        hash_pair_t* pair = map->pairs[i];
-        const int64_t hole = free_slot(fresh, tag != 1 ? tag : pair->hash);
+        hash_pair_t* pair = old[i];
+        if (pair == nullptr) continue;
+        const int64_t hole = free_slot(fresh, pair->hash);
         if (hole >= 0) {
             fresh->pairs[hole] = pair;
-            slot_tags(fresh)[hole] = tag;
+            fresh_tags[hole] = tag_of(pair->hash);
             ++fresh->num_pairs;
         } else if (!__map_store(fresh, pair, false)) {
             OW_ERROR("Failed to store pair");
             return false;
+        } else {
+            fresh_tags = slot_tags(fresh);  // fresh grew
         }
     }
     return true;
+}
+
+// Pairs are small blocks, and glibc keeps freed small blocks aside unmerged until a request
+// for a large block makes it sort them all out at once. After a big map is destroyed that
+// would fall on whatever asks for a large block next, typically the next map's first growth,
+// which would then pay for this map's pairs. A large request here settles them in destroy,
+// where the cost belongs. (Called through a volatile pointer: a compiler may otherwise drop
+// an allocation that is freed unused.)
+constexpr uint32_t kSettleAfterPairs = 4096;
+constexpr size_t kSettleRequest = 4096;
+
+void settle_freed_pairs() noexcept {
+    void* (*volatile allocate)(size_t) = &std::malloc;
+    std::free(allocate(kSettleRequest));
 }
 
 // Frees a scratch map's record and table without touching the pairs it points at.
@@ -714,7 +815,7 @@ bool ow_map_fetch(const ow_hashmap* map, const char* key, void** value) {
         OW_EINVAL();
         return false;
     }
-    const hash_pair_t* pair = __map_fetch_hash(map, key, key_hash(key));
+    const hash_pair_t* pair = lookup(map, key, key_hash(key));
     if (pair == nullptr) return false;
     if (value != nullptr) *value = pair->value;
     return true;
@@ -869,11 +970,13 @@ void ow_map_destroy(ow_hashmap* map) {
         OW_ERROR("Attempting to destroy a static hashmap!");
         return;
     }
+    const uint32_t pairs = map->num_pairs;
     for (uint32_t i = 0; i < map->map_size; ++i) {
         if (map->pairs[i] != nullptr) __destroy_pair(map->pairs[i], true);
     }
     std::free(map->pairs);
     std::free(map);
+    if (pairs >= kSettleAfterPairs) settle_freed_pairs();
 }
 
 ow_map_iterator* ow_map_iterator_start_ex(const ow_hashmap* map, uint32_t direction) {

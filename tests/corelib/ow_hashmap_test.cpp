@@ -280,6 +280,44 @@ TEST_F(Hashmap, RemoveAndRenameKeepTheChain) {
     EXPECT_NO_ERRORS();
 }
 
+// Buckets narrower and wider than one 16-slot scan, filled with keys whose hashes share their
+// top byte (0 and 1, told apart only by the full hash and the key): every key is found in its
+// own slot, a hole is refilled in place, and only the key that overflows the bucket grows it.
+TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
+    keys_t lookalikes;
+    for (int i = 0; lookalikes.size() < 42; ++i) {
+        std::string k = "tag" + std::to_string(i);
+        if (ow_map_hash(k.c_str()) >> 24 <= 1) lookalikes.push_back(k);
+    }
+    for (uint32_t width : {1u, 15u, 16u, 17u, 33u, 40u}) {
+        SCOPED_TRACE(width);
+        ow_hashmap* m = maps_.emplace_back(ow_map_create(1, width));
+        const keys_t keys(lookalikes.begin(), lookalikes.begin() + width);
+        for (const auto& k : keys) ASSERT_TRUE(put(m, k, k));
+        EXPECT_EQ(m->num_buckets, 1u);
+        for (uint32_t i = 0; i < width; ++i) ASSERT_EQ(m->pairs[i]->key, keys[i]);
+        for (const auto& k : keys) ASSERT_EQ(get(m, k), k);
+        EXPECT_EQ(get(m, lookalikes[width]), "<absent>");
+        EXPECT_FALSE(put(m, keys.back(), "twice"));
+
+        const uint32_t hole = width / 2;
+        ASSERT_TRUE(ow_map_remove(m, keys[hole].c_str()));
+        EXPECT_EQ(get(m, keys[hole]), "<absent>");
+        ASSERT_TRUE(put(m, keys[hole], "back"));
+        EXPECT_EQ(m->pairs[hole]->key, keys[hole]);
+        EXPECT_EQ(m->num_buckets, 1u);
+
+        ASSERT_TRUE(put(m, lookalikes[width], "over"));
+        EXPECT_GE(m->num_buckets, 5u);
+        EXPECT_EQ(m->bucket_size, width);
+        for (uint32_t i = 0; i < width; ++i) {
+            ASSERT_EQ(get(m, keys[i]), i == hole ? "back" : keys[i]);
+        }
+        EXPECT_EQ(get(m, lookalikes[width]), "over");
+    }
+    EXPECT_NO_ERRORS();
+}
+
 TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     // One bucket of five slots as the generator lays it out, the first and the last used.
     hash_pair_t p[3] = {};
