@@ -37,7 +37,7 @@ install(FILES ${ARDVEX_POLICY_DIR}/policyd.conf
 function(ardvex_policy_wire_tests)
   foreach(test tools_policyd_test tools_policyd_service_test tools_ardvex_admin_test)
     if(TARGET ${test})
-      target_link_libraries(${test} PRIVATE ardvex_policy)
+      target_link_libraries(${test} PRIVATE ardvex_policy ardvex_testing)
       add_dependencies(${test} ardvex-policyd ardvex-admin)
       target_compile_definitions(${test} PRIVATE
         ARDVEX_POLICYD="$<TARGET_FILE:ardvex-policyd>" ARDVEX_ADMIN="$<TARGET_FILE:ardvex-admin>")
