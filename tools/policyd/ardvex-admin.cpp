@@ -8,6 +8,7 @@
 // Exit status: 0 done (judge: the mail would be accepted), 1 refused (judge: rejected; list
 // and range: the change was refused), 2 judge: deferred, 64 usage, 66 nothing to read,
 // 70 internal failure, 78 bad settings file.
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "ardvex-file.h"
+#include "ardvex-iprange.h"
 #include "ardvex-log.h"
 #include "ardvex.h"
 #include "ardvex_config.h"
@@ -82,6 +85,27 @@ constexpr const char* kCountersHelp =
     "(.counterv2.dat.hourly) of LOG_DIR (default " ARDVEX_LOG_DIR
     ") as tables, oldest first.\n"
     "Exit status: 0 shown, 66 no counter file found, 64 usage.\n";
+
+constexpr const char* kListHelp =
+    "usage: ardvex-admin list add [-d DIR] [--comment TEXT] LIST ENTRY\n"
+    "       ardvex-admin list del [-d DIR] [--comment-only] LIST ENTRY\n"
+    "       ardvex-admin list show [-d DIR] LIST\n"
+    "Edits or shows a list file such as from_whitelist, from_blacklist, exempt_users,\n"
+    "exempt_ips, blocked_ips or country_blacklist. DIR defaults to list_dir of the settings\n"
+    "(/etc/ardvex/lists); a recipient's own lists live in DIR/<recipient>. Entries compare\n"
+    "ignoring case; add with --comment sets the comment of an entry already listed, del with\n"
+    "--comment-only removes only its comment.\n"
+    "Exit status: 0 done, 1 refused (the reason on standard error), 64 usage, 66 no list.\n";
+
+constexpr const char* kRangeHelp =
+    "usage: ardvex-admin range add [-d DIR] [--comment TEXT] LIST LOW HIGH\n"
+    "       ardvex-admin range del [-d DIR] LIST LOW HIGH\n"
+    "       ardvex-admin range show [-d DIR] LIST\n"
+    "       ardvex-admin range convert [-d DIR] LIST\n"
+    "Edits, shows or converts the IPv4 range file LIST.range beside the list LIST\n"
+    "(exempt_ips or blocked_ips). A range lies within one /16, as in 10.1.0.0 10.1.255.255.\n"
+    "convert rewrites a file of the older format in the current one. DIR as for list.\n"
+    "Exit status: 0 done, 1 refused (the reason on standard error), 64 usage, 66 no file.\n";
 
 bool wants_help(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) {
@@ -279,6 +303,131 @@ int counters_command(int argc, char** argv) {
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------
+// list and range
+
+// The options both share; positional arguments are left in args.
+struct edit_options {
+    std::string dir;
+    const char* comment = nullptr;
+    bool comment_only = false;
+    std::vector<std::string> args;
+};
+
+bool parse_edit_options(int argc, char** argv, edit_options& o) {
+    for (int i = 0; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-d" && i + 1 < argc) {
+            o.dir = argv[++i];
+        } else if (arg == "--comment" && i + 1 < argc) {
+            o.comment = argv[++i];
+        } else if (arg == "--comment-only") {
+            o.comment_only = true;
+        } else if (!arg.empty() && arg[0] == '-') {
+            return false;
+        } else {
+            o.args.push_back(arg);
+        }
+    }
+    if (o.dir.empty()) {
+        config cfg;
+        std::string error;
+        load_config(kDefaultConfigPath, ardvex_rule_list(), cfg, error);  // or the default
+        o.dir = cfg.list_dir;
+    }
+    return true;
+}
+
+// A list is a file name inside the directory, never a path.
+bool plain_name(const std::string& name) {
+    return !name.empty() && name.find('/') == std::string::npos && name[0] != '.';
+}
+
+bool is_file(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+int refused(const char* command, const char* message) {
+    std::fprintf(stderr, "ardvex-admin %s: %s\n", command, message);
+    return kRefused;
+}
+
+void print_line(const char* line) { std::printf("%s\n", line); }
+
+int list_command(int argc, char** argv) {
+    if (argc < 1 || wants_help(argc, argv)) {
+        std::fputs(kListHelp, argc < 1 ? stderr : stdout);
+        return argc < 1 ? kUsage : 0;
+    }
+    const std::string verb = argv[0];
+    edit_options o;
+    const size_t want = verb == "show" ? 1 : 2;
+    if (!parse_edit_options(argc - 1, argv + 1, o) || o.args.size() != want ||
+        !plain_name(o.args[0]) || (verb != "add" && verb != "del" && verb != "show")) {
+        std::fputs(kListHelp, stderr);
+        return kUsage;
+    }
+    const std::string& list = o.args[0];
+    if (verb == "show") {
+        if (!is_file(o.dir + "/" + list)) {
+            std::fprintf(stderr, "ardvex-admin list: no list %s/%s\n", o.dir.c_str(), list.c_str());
+            return kNoInput;
+        }
+        return ow_iterate_file(o.dir.c_str(), list.c_str(), print_line) ? 0 : kSoftware;
+    }
+    // Edits compare exactly (ignoring case): a pattern already listed must not swallow the
+    // address being added, nor a delete remove more than was named.
+    const char* message =
+        verb == "add"
+            ? ow_add_entry(o.dir.c_str(), list.c_str(), o.args[1].c_str(), o.comment, strcasecmp)
+            : ow_del_entry(o.dir.c_str(), list.c_str(), o.args[1].c_str(), o.comment_only,
+                           strcasecmp);
+    return message == nullptr ? 0 : refused("list", message);
+}
+
+int range_command(int argc, char** argv) {
+    if (argc < 1 || wants_help(argc, argv)) {
+        std::fputs(kRangeHelp, argc < 1 ? stderr : stdout);
+        return argc < 1 ? kUsage : 0;
+    }
+    const std::string verb = argv[0];
+    edit_options o;
+    const size_t want = (verb == "add" || verb == "del") ? 3 : 1;
+    if (!parse_edit_options(argc - 1, argv + 1, o) || o.args.size() != want ||
+        !plain_name(o.args[0]) ||
+        (verb != "add" && verb != "del" && verb != "show" && verb != "convert")) {
+        std::fputs(kRangeHelp, stderr);
+        return kUsage;
+    }
+    std::string file = o.args[0];
+    if (!file.ends_with(".range")) file += ".range";
+    const char* dir = o.dir.c_str();
+    if (verb != "add" && !is_file(o.dir + "/" + file)) {
+        std::fprintf(stderr, "ardvex-admin range: no range file %s/%s\n", dir, file.c_str());
+        return kNoInput;
+    }
+    const char* message = "refused";
+    if (verb == "add") {
+        return ipr_add_range_to_file(dir, file.c_str(), o.args[1].c_str(), o.args[2].c_str(),
+                                     o.comment, &message)
+                   ? 0
+                   : refused("range", message);
+    }
+    if (verb == "del") {
+        return ipr_del_range_from_file(dir, file.c_str(), o.args[1].c_str(), o.args[2].c_str(),
+                                       &message)
+                   ? 0
+                   : refused("range", message);
+    }
+    if (verb == "convert") {
+        return ipr_convert_file(dir, file.c_str()) ? 0 : refused("range", "conversion failed");
+    }
+    std::fflush(stdout);
+    ipr_list_file(dir, file.c_str());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -294,9 +443,13 @@ int main(int argc, char** argv) {
     }
     try {
         if (command == "counters") return counters_command(argc - 2, argv + 2);
-        if (command == "judge") {
+        int (*const run)(int, char**) = command == "judge"   ? judge_command
+                                        : command == "list"  ? list_command
+                                        : command == "range" ? range_command
+                                                             : nullptr;
+        if (run != nullptr) {
             if (!ardvex_init()) return kSoftware;
-            const int status = judge_command(argc - 2, argv + 2);
+            const int status = run(argc - 2, argv + 2);
             ardvex_shutdown();
             return status;
         }
