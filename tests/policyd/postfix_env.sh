@@ -65,9 +65,9 @@ default_transport = discard:
 relay_transport = discard:
 local_transport = discard:
 maillog_file = /var/log/postfix.log
-smtpd_relay_restrictions = permit_mynetworks, reject_unauth_destination
+smtpd_relay_restrictions = permit_mynetworks,
+    permit_sasl_authenticated, reject_unauth_destination
 smtpd_recipient_restrictions =
-    reject_unauth_destination,
     check_policy_service unix:/run/ardvex/policyd.sock
 smtpd_policy_service_request_limit = 0
 CONF
