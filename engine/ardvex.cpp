@@ -4,6 +4,8 @@
 #include "ardvex.h"
 
 #include "ardvex-log.h"
+#include "ardvex-rule-lists.h"
+#include "ardvex-rules.h"
 #include "ardvex-spam-hooks.h"
 #include "ow_internal.hpp"
 #include "owspamrule.h"
@@ -15,23 +17,23 @@ ow_list* engine_rules = nullptr;
 extern "C" {
 
 bool ardvex_init(void) {
-    register_rule_hooks(true,         // resolver option of every rule lookup
-                        nullptr,      // dynamic-host patterns
-                        nullptr,      // reverse-DNS patterns
-                        nullptr,      // confirmed dynamic patterns
-                        nullptr,      // sender whitelist
-                        nullptr,      // sender blacklist
-                        nullptr,      // reserved
-                        nullptr,      // reserved
-                        nullptr,      // HELO whitelist: the host's
-                        nullptr,      // HELO blacklist: the host's
-                        nullptr,      // IP whitelist
-                        nullptr,      // IP blacklist
-                        nullptr,      // country blacklist
-                        nullptr,      // recipient whitelist
-                        log_message,  // message log
-                        nullptr);     // reserved
-    ardvex_shutdown();                // a second start must not leak the first list
+    register_rule_hooks(true,                   // resolver option of every rule lookup
+                        dyna_list_hook,         // dynamic-host patterns
+                        spam_list_hook,         // reverse-DNS patterns
+                        confirmed_list_hook,    // confirmed dynamic patterns
+                        fromwhitelist_hook,     // sender whitelist
+                        fromblacklist_hook,     // sender blacklist
+                        nullptr,                // reserved
+                        nullptr,                // reserved
+                        nullptr,                // HELO whitelist: the host's
+                        nullptr,                // HELO blacklist: the host's
+                        ipwhitelist_hook,       // IP whitelist
+                        ipblacklist_hook,       // IP blacklist
+                        countryblacklist_hook,  // country blacklist
+                        towhitelist_hook,       // recipient whitelist
+                        log_message,            // message log
+                        nullptr);               // reserved
+    ardvex_shutdown();                          // a second start must not leak the first list
     engine_rules = build_rule_list();
     if (engine_rules == nullptr) {
         OW_ERROR("no rules loaded.. engine cannot be initialized");

@@ -1,0 +1,167 @@
+// The message identity rules that need no DNS: what each rule decides from the client's
+// words, the trimming they do in the record, the sender verdict two rules share, and the
+// refusal of a missing session by every rule and hook.
+#include "ardvex-rules.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "log_capture.hpp"
+#include "owspamrule.h"
+
+namespace {
+
+using ow_test::has_debug;
+
+char* dup_or_null(const char* s) { return s != nullptr ? strdup(s) : nullptr; }
+
+class IdentityRuleTest : public ow_test::LogCaptureTest {
+   protected:
+    void TearDown() override {
+        std::free(s_.helo);
+        std::free(s_.mail_from);
+        std::free(s_.rcpt_to);
+        LogCaptureTest::TearDown();
+    }
+    void set(const char* helo, const char* from, const char* rcpt = nullptr,
+             const char* ip = "192.0.2.9") {
+        std::free(s_.helo);
+        std::free(s_.mail_from);
+        std::free(s_.rcpt_to);
+        s_ = spam_session{};
+        s_.helo = dup_or_null(helo);
+        s_.mail_from = dup_or_null(from);
+        s_.rcpt_to = dup_or_null(rcpt);
+        s_.ip = const_cast<char*>(ip);
+    }
+    spam_session s_{};
+};
+
+struct identity_case {
+    bool (*rule)(spam_session*);
+    const char* rule_name;
+    const char* helo;
+    const char* from;
+    const char* rcpt;
+    const char* ip;
+    bool expected;
+    const char* line;  // a DEBUG line the decision must write, or nullptr
+};
+#define RULE(f) f, #f
+
+TEST_F(IdentityRuleTest, Decisions) {
+    const identity_case cases[] = {
+        {RULE(rule_require_helo), "", nullptr, nullptr, nullptr, true, "HELO is NULL or empty"},
+        {RULE(rule_valid_helo_domain), "localhost.localdomain", nullptr, nullptr, nullptr, true,
+         "HELO is \"localhost.localdomain\""},
+        {RULE(rule_valid_helo_domain), "localhost.localdomain.example.test", nullptr, nullptr,
+         nullptr, false, nullptr},
+        {RULE(rule_valid_helo_domain), "[192.0.2.9]", nullptr, nullptr, nullptr, true,
+         "HELO [[192.0.2.9]] is not a valid domain"},
+        {RULE(rule_mail_from_strict_addr_parse), nullptr, "a..b@example.test", nullptr, nullptr,
+         true, "from address [a..b@example.test] is not a valid address"},
+        {RULE(rule_rfc_mail_from), nullptr, "", nullptr, nullptr, true,
+         "from argument failed ow_valid_email_address test"},
+        {RULE(rule_rfc_mail_from), nullptr, "root@LocalHost.localdomain", nullptr, "192.0.2.9",
+         true, "address is claiming to come from localhost, but not really from localhost"},
+        {RULE(rule_rfc_mail_from), nullptr, "root@localhost.localdomain", nullptr, "127.0.0.1",
+         false, nullptr},
+        {RULE(rule_block_ip_in_addr), nullptr, "a@192.0.2.1", "b@example.test", nullptr, true,
+         "from domain [192.0.2.1] is an ip address"},
+        {RULE(rule_block_ip_in_addr), nullptr, "postmaster", "b@2001:db8::1", nullptr, true,
+         "rcpt domain [2001:db8::1] is an ip address"},
+        {RULE(rule_require_full_addr), nullptr, nullptr, "postmaster", nullptr, true,
+         "Recipient address [postmaster] is invalid"},
+        {RULE(rule_block_mail_from_self), nullptr, "Ann@Example.test", "ann@example.TEST", nullptr,
+         true, "from [Ann@Example.test] and to [ann@example.TEST] addresses match"},
+        {RULE(rule_valid_from_domain), nullptr, "a@bad_domain.test", nullptr, nullptr, true,
+         "domain [bad_domain.test] flagged as invalid"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.rule_name) + " " + (c.from != nullptr ? c.from : ""));
+        set(c.helo, c.from, c.rcpt, c.ip);
+        EXPECT_EQ(c.rule(&s_), c.expected);
+        if (c.line != nullptr) {
+            EXPECT_TRUE(has_debug(c.rule_name, c.line)) << ow_test::dump();
+        }
+        clear_log();
+    }
+}
+
+TEST_F(IdentityRuleTest, TrimmingHappensInTheRecord) {
+    set(" mail.example.test ", " a@192.0.2.1 ");
+    EXPECT_FALSE(rule_valid_helo_domain(&s_));
+    EXPECT_STREQ(s_.helo, "mail.example.test");
+    // An IP-literal sender domain is settled without DNS.
+    EXPECT_FALSE(rule_valid_from_domain(&s_));
+    EXPECT_STREQ(s_.mail_from, "a@192.0.2.1");
+    EXPECT_EQ(s_.from_domain_dns, SPAM_DNS_FOUND);
+    set(nullptr, " a@example.test");
+    EXPECT_FALSE(rule_rfc_mail_from(&s_));
+    EXPECT_STREQ(s_.mail_from, "a@example.test");
+}
+
+TEST_F(IdentityRuleTest, BounceVerdictIsSharedInTableOrder) {
+    set(nullptr, "");
+    EXPECT_FALSE(rule_mail_from_strict_addr_parse(&s_));
+    EXPECT_EQ(s_.from_format, SPAM_FROM_WELL_FORMED);
+    EXPECT_FALSE(rule_rfc_mail_from(&s_));
+    EXPECT_TRUE(has_debug("rule_rfc_mail_from", "argument [] detected as NDR. Skipping"));
+    EXPECT_TRUE(rule_valid_from_domain(&s_));
+    // A cached "malformed" stands even for an address that would now pass.
+    set(nullptr, "a@example.test");
+    s_.from_format = SPAM_FROM_MALFORMED;
+    EXPECT_TRUE(rule_mail_from_strict_addr_parse(&s_));
+    EXPECT_TRUE(
+        has_debug("rule_mail_from_strict_addr_parse", "cached value RFC format flagged as 'no'"));
+}
+
+TEST_F(IdentityRuleTest, Ipv6ClientsMustAuthenticateUnlessExempt) {
+    // ipv6, authenticated, exempt -> matches
+    const bool cases[][4] = {{1, 0, 0, 1}, {1, 1, 0, 0}, {1, 0, 1, 0}, {0, 0, 0, 0}};
+    for (const auto& c : cases) {
+        set(nullptr, nullptr, nullptr, "2001:db8::9");
+        s_.is_ipv6 = c[0];
+        s_.authenticated = c[1];
+        s_.auth_exempt = c[2];
+        EXPECT_EQ(rule_block_nonauth_ipv6(&s_), c[3]) << c[0] << c[1] << c[2];
+    }
+    EXPECT_TRUE(rule_block_all_mail(&s_));
+}
+
+TEST_F(IdentityRuleTest, EveryCheckRefusesAMissingSession) {
+    bool (*const checks[])(spam_session*) = {
+        rule_require_helo,
+        rule_valid_helo_domain,
+        rule_resolve_helo_domain,
+        rule_mail_from_strict_addr_parse,
+        rule_rfc_mail_from,
+        rule_valid_from_domain,
+        rule_require_full_addr,
+        rule_block_mail_from_self,
+        rule_block_all_mail,
+        rule_local_require_auth,
+        rule_block_nonauth_ipv6,
+        rule_check_ip_reverse_dns,
+        rule_valid_ptr,
+        rule_check_dynamic_reverse_dns_default,
+        rule_check_dynamic_reverse_dns,
+        rule_check_confirmed_dyna,
+        rule_check_reverse_dns_list,
+        dyna_list_hook,
+        confirmed_list_hook,
+        spam_list_hook,
+    };
+    for (auto check : checks) EXPECT_FALSE(check(nullptr));
+    EXPECT_EQ(ow_test::error_count(), std::size(checks)) << ow_test::dump();
+    clear_log();
+    // The one rule that only narrates it.
+    EXPECT_FALSE(rule_block_ip_in_addr(nullptr));
+    EXPECT_TRUE(has_debug("rule_block_ip_in_addr", std::strerror(EINVAL)));
+    EXPECT_NO_ERRORS();
+}
+
+}  // namespace
