@@ -18,7 +18,8 @@ sleep 0.3
 
 # rule: the engine rule a row depends on has a check in this build.
 has_rule() {
-    "$PF_ADMIN" judge --client-address 10.0.0.1 -c /nonexistent 2>/dev/null |
+    { "$PF_ADMIN" judge --client-address 10.0.0.1 --helo mail.good.test --sender a@good.test \
+        --recipient u@example.test -c /nonexistent 2>/dev/null || true; } |
         awk -v r="$1" '$1 == r' | grep -qv "no check in this build"
 }
 
