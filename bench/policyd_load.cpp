@@ -8,8 +8,8 @@
 // time, and its latency is measured from that time, so a service that falls behind is
 // charged for the wait of the requests queued behind (no coordinated omission). Without a
 // rate the connections send back to back: the saturation throughput. Client addresses cycle
-// through 198.51.100.20-39 with unknown names, so the engine asks DNS for each; --private
-// uses 10.0.0.x instead, which the reverse-DNS rules skip.
+// through 203.0.113.1-40 with unknown names, so the engine asks DNS for each; --private
+// uses 10.0.x.x instead, which the reverse-DNS rules skip.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -40,6 +40,7 @@ struct result {
     std::vector<double> latencies_ms;
     long errors = 0;
     long non_dunno = 0;
+    std::string sample;  // the first answer that was not DUNNO
 };
 
 int connect_to(const std::string& path) {
@@ -59,10 +60,9 @@ std::string make_request(const options& o, int conn, long n) {
     if (o.private_clients) {
         std::snprintf(addr, sizeof addr, "10.0.%d.%ld", conn % 250, 1 + n % 250);
     } else {
-        std::snprintf(addr, sizeof addr, "198.51.100.%ld", 20 + (conn + n) % 20);
+        std::snprintf(addr, sizeof addr, "203.0.113.%ld", 1 + (conn + n) % 40);
     }
-    return std::string("request=smtpd_access_policy\nprotocol_state=RCPT\nclient_address=") +
-           addr +
+    return std::string("request=smtpd_access_policy\nprotocol_state=RCPT\nclient_address=") + addr +
            "\nclient_name=unknown\nreverse_client_name=unknown\nhelo_name=mail.good.test\n"
            "sender=a@good.test\nrecipient=u@example.test\ninstance=" +
            std::to_string(conn) + "." + std::to_string(n) + "\n\n";
@@ -96,8 +96,10 @@ void run_connection(const options& o, int conn, clock_type::time_point start,
         clock_type::time_point planned = clock_type::now();
         if (interval > 0) {
             // Connections are staggered over one interval so the load is even.
-            planned = start + std::chrono::duration_cast<clock_type::duration>(
-                                  std::chrono::duration<double>(interval * (n + double(conn) / o.connections)));
+            planned =
+                start +
+                std::chrono::duration_cast<clock_type::duration>(
+                    std::chrono::duration<double>(interval * (n + double(conn) / o.connections)));
             if (planned >= end) break;
             std::this_thread::sleep_until(planned);
         } else if (planned >= end) {
@@ -113,14 +115,15 @@ void run_connection(const options& o, int conn, clock_type::time_point start,
         const double ms =
             std::chrono::duration<double, std::milli>(clock_type::now() - planned).count();
         out.latencies_ms.push_back(ms);
-        if (answer != "action=DUNNO\n\n") ++out.non_dunno;
+        if (answer != "action=DUNNO\n\n" && out.non_dunno++ == 0) out.sample = answer;
     }
     ::close(fd);
 }
 
 double percentile(const std::vector<double>& sorted, double p) {
     if (sorted.empty()) return 0;
-    const size_t i = std::min(sorted.size() - 1, static_cast<size_t>(p * (sorted.size() - 1) + 0.5));
+    const size_t i =
+        std::min(sorted.size() - 1, static_cast<size_t>(p * (sorted.size() - 1) + 0.5));
     return sorted[i];
 }
 
@@ -141,12 +144,14 @@ int main(int argc, char** argv) {
         } else if (o.socket.empty() && a[0] != '-') {
             o.socket = a;
         } else {
-            std::fprintf(stderr, "usage: policyd_load SOCKET [-c N] [-r RATE] [-s SECONDS] [--private]\n");
+            std::fprintf(stderr,
+                         "usage: policyd_load SOCKET [-c N] [-r RATE] [-s SECONDS] [--private]\n");
             return 2;
         }
     }
     if (o.socket.empty() || o.connections < 1) {
-        std::fprintf(stderr, "usage: policyd_load SOCKET [-c N] [-r RATE] [-s SECONDS] [--private]\n");
+        std::fprintf(stderr,
+                     "usage: policyd_load SOCKET [-c N] [-r RATE] [-s SECONDS] [--private]\n");
         return 2;
     }
     std::vector<result> results(static_cast<size_t>(o.connections));
@@ -162,7 +167,9 @@ int main(int argc, char** argv) {
 
     std::vector<double> all;
     long errors = 0, non_dunno = 0;
+    std::string sample;
     for (const auto& r : results) {
+        if (sample.empty()) sample = r.sample;
         all.insert(all.end(), r.latencies_ms.begin(), r.latencies_ms.end());
         errors += r.errors;
         non_dunno += r.non_dunno;
@@ -171,8 +178,10 @@ int main(int argc, char** argv) {
     std::printf(
         "connections %d, %s, %.1f s: %zu answers (%ld not DUNNO), %ld errors, %.0f requests/s\n"
         "latency ms: p50 %.2f  p90 %.2f  p99 %.2f  max %.2f\n",
-        o.connections, o.rate > 0 ? ("rate " + std::to_string(int(o.rate)) + "/s").c_str() : "saturation",
-        elapsed, all.size(), non_dunno, errors, all.size() / elapsed, percentile(all, 0.50),
+        o.connections,
+        o.rate > 0 ? ("rate " + std::to_string(int(o.rate)) + "/s").c_str() : "saturation", elapsed,
+        all.size(), non_dunno, errors, all.size() / elapsed, percentile(all, 0.50),
         percentile(all, 0.90), percentile(all, 0.99), all.empty() ? 0.0 : all.back());
+    if (!sample.empty()) std::printf("first answer other than DUNNO: %s", sample.c_str());
     return errors == 0 ? 0 : 1;
 }

@@ -20,10 +20,12 @@ mount -t tmpfs loadlog /var/log
 work=$DNSENV_WORK/load
 mkdir -p "$work"
 chmod 755 "$work"
+# Every load client has a PTR name (and its A record), as most real senders do.
+for i in $(seq 1 40); do echo "host-record=load-$i.good.test,203.0.113.$i"; done >"$work/load.conf"
 /usr/sbin/dnsmasq --keep-in-foreground --pid-file= --port=53 --listen-address=127.0.0.2 \
     --bind-interfaces --log-queries "--log-facility=$work/dnsmasq.log" \
     "--conf-file=$source_dir/tests/support/dnsmasq.conf" \
-    "--conf-file=$source_dir/tests/policyd/dnsmasq.conf" &
+    "--conf-file=$source_dir/tests/policyd/dnsmasq.conf" "--conf-file=$work/load.conf" &
 dnsmasq_pid=$!
 printf 'nameserver 127.0.0.2\noptions timeout:1 attempts:1\n' >"$work/resolv.conf"
 mount --bind "$work/resolv.conf" /etc/resolv.conf
@@ -36,7 +38,7 @@ CONF
 "$build_dir/tools/ardvex-policyd" -c "$work/policyd.conf" --stderr 2>"$work/policyd.log" &
 pid=$!
 trap 'kill $pid $dnsmasq_pid 2>/dev/null; wait 2>/dev/null' EXIT
-for _ in $(seq 100); do grep -q "ready:" "$work/policyd.log" && break; sleep 0.05; done
+for _ in $(seq 100); do grep -qs "ready:" "$work/policyd.log" && break; sleep 0.05; done
 load=$build_dir/bench/policyd_load
 workers() { cat "/proc/$pid/task/$pid/children"; }
 cpu_ticks() { # user+system ticks of all workers
@@ -46,7 +48,7 @@ cpu_ticks() { # user+system ticks of all workers
 }
 
 echo "ardvex-policyd with ${WORKERS:-8} workers; $(nproc) CPUs"
-"$load" "$work/policyd.sock" -c 50 -s 3 >/dev/null  # warm-up
+"$load" "$work/policyd.sock" -c 50 -s 3 | tail -n 1  # warm-up
 echo "--- saturation, 50 connections"
 "$load" "$work/policyd.sock" -c 50 -s 10 || true
 echo "--- fixed load: 1000 requests/s over 50 connections"
@@ -62,11 +64,13 @@ awk -v t=$((after - before)) -v hz="$(getconf CLK_TCK)" -v n="$answers" -v q="$q
 echo "--- the same load without DNS (private client addresses, no lookups)"
 "$load" "$work/policyd.sock" -c 50 -r 1000 -s 10 --private || true
 if command -v perf >/dev/null; then
-    echo "--- CPU profile of the workers during the fixed load (perf, top entries)"
+    echo "--- CPU profile of the workers during the fixed load (perf, by shared object)"
     "$load" "$work/policyd.sock" -c 50 -r 1000 -s 8 >/dev/null &
     load_pid=$!
     sleep 1
-    perf record -q -g -o "$work/perf.data" -p "$(workers | paste -sd, -)" -- sleep 5 >/dev/null 2>&1 || true
+    perf record -g -o "$work/perf.data" -p "$(workers | paste -sd, -)" -- sleep 5 \
+        >"$work/perf.out" 2>&1 || tail -n 3 "$work/perf.out"
     wait "$load_pid" || true
-    perf report -q -i "$work/perf.data" --no-children --sort dso --stdio 2>/dev/null | head -n 12 || true
+    perf report -i "$work/perf.data" --no-children --sort dso --stdio 2>&1 | grep -v "^#" |
+        grep -v "^$" | head -n 10 || true
 fi
