@@ -156,6 +156,19 @@ TEST_F(Service, OddRequestsGetDunnoAndTheConnectionStaysUsable) {
         ASSERT_TRUE(send_all(fd, r.bytes));
         EXPECT_EQ(answer(fd), kDunno);
     }
+    // A flood of pipelined empty requests: answered one after the other as the client reads.
+    constexpr int kFlood = 50000;
+    ASSERT_TRUE(send_all(fd, std::string(kFlood, '\n')));
+    std::string got;
+    char buf[65536];
+    while (got.size() < kFlood * kDunno.size()) {
+        pollfd p{fd, POLLIN, 0};
+        ASSERT_GT(::poll(&p, 1, 10000), 0) << got.size() / kDunno.size() << " answers";
+        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        ASSERT_GT(n, 0);
+        got.append(buf, static_cast<size_t>(n));
+    }
+    EXPECT_EQ(got.size(), kFlood * kDunno.size());
     ::close(fd);
     const std::string l = log();
     EXPECT_NE(l.find("malformed request (attribute line without '=')"), std::string::npos) << l;

@@ -210,9 +210,11 @@ class dispatcher {
     void accept_all(int listener);
     void on_connection(uint64_t id, uint32_t events);
     void read_from(uint64_t id, connection& c);
-    void take_request(uint64_t id, connection& c);
-    void answer(uint64_t id, connection& c, const std::string& action);
-    void flush(uint64_t id, connection& c);
+    enum class taken { incomplete, queued, answered };
+    taken take_request(uint64_t id, connection& c);
+    void answer(connection& c, const std::string& action);
+    bool flush(uint64_t id, connection& c);
+    void serve(uint64_t id);
     void close_connection(uint64_t id);
     void pump();
     void on_worker(size_t slot);
@@ -222,6 +224,7 @@ class dispatcher {
     void reload();
     void tick();
     void rate_flags(const request& req, unsigned char& flags);
+    void complain(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     std::string config_path_;
     const ow_list* rules_;
@@ -240,6 +243,8 @@ class dispatcher {
     bool stopping_ = false;
     std::time_t now_ = 0;
     std::time_t last_refusal_log_ = 0;
+    std::time_t complaint_second_ = 0;  // complaints about requests: at most 10 a second
+    unsigned complaints_ = 0;
 };
 
 void dispatcher::add(int fd, uint32_t events, uint64_t data) {
@@ -332,8 +337,13 @@ void dispatcher::worker_lost(size_t slot, const char* why) {
     if (w.conn != 0) {
         say(LOG_ERR, "worker %d %s while judging a request; answered DUNNO",
             static_cast<int>(w.pid), why);
-        const auto it = conns_.find(w.conn);
-        if (it != conns_.end()) answer(w.conn, it->second, "DUNNO");
+        const uint64_t id = w.conn;
+        const auto it = conns_.find(id);
+        if (it != conns_.end()) {
+            answer(it->second, "DUNNO");
+            w.conn = 0;
+            serve(id);
+        }
     } else {
         say(LOG_ERR, "worker %d %s", static_cast<int>(w.pid), why);
     }
@@ -358,7 +368,10 @@ void dispatcher::on_worker(size_t slot) {
     const uint64_t id = w.conn;
     w.conn = 0;
     const auto it = conns_.find(id);
-    if (it != conns_.end()) answer(id, it->second, std::string(buf, static_cast<size_t>(n)));
+    if (it != conns_.end()) {
+        answer(it->second, std::string(buf, static_cast<size_t>(n)));
+        serve(id);
+    }
     pump();
 }
 
@@ -370,12 +383,14 @@ void dispatcher::pump() {
             const uint64_t id = queue_.front();
             queue_.pop_front();
             const auto it = conns_.find(id);
-            if (it == conns_.end() || !it->second.waiting) continue;
+            // A connection answered meanwhile (time-out) has no pending message any more.
+            if (it == conns_.end() || it->second.pending.empty()) continue;
             connection& c = it->second;
             if (::send(w.fd, c.pending.data(), c.pending.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
                 say(LOG_ERR, "cannot hand a request to worker %d: %s; answered DUNNO",
                     static_cast<int>(w.pid), std::strerror(errno));
-                answer(id, c, "DUNNO");
+                answer(c, "DUNNO");
+                serve(id);
                 continue;
             }
             c.pending.clear();
@@ -427,7 +442,7 @@ void dispatcher::on_connection(uint64_t id, uint32_t events) {
     if (it == conns_.end()) return;
     connection& c = it->second;
     if ((events & EPOLLOUT) != 0) {
-        flush(id, c);
+        serve(id);
         return;
     }
     if ((events & (EPOLLIN | EPOLLRDHUP)) != 0 && !c.waiting) {
@@ -458,7 +473,8 @@ void dispatcher::read_from(uint64_t id, connection& c) {
                     c.discard_state = 0;
                     c.in.assign(data.substr(i + 1));
                     c.started = now_;
-                    answer(id, c, "DUNNO");
+                    answer(c, "DUNNO");
+                    serve(id);
                     return;
                 }
                 c.discard_state = 1;
@@ -469,16 +485,16 @@ void dispatcher::read_from(uint64_t id, connection& c) {
         return;
     }
     c.in.append(data);
-    take_request(id, c);
+    serve(id);
 }
 
-void dispatcher::take_request(uint64_t id, connection& c) {
+dispatcher::taken dispatcher::take_request(uint64_t id, connection& c) {
     size_t body_end = 0;
     const size_t end = find_request_end(c.in, body_end);
     if (end == 0) {
         if (c.in.size() > cfg_.max_request_size) {
-            say(LOG_WARNING, "request larger than %u bytes; skipping it and answering DUNNO",
-                cfg_.max_request_size);
+            complain("request larger than %u bytes; skipping it and answering DUNNO",
+                     cfg_.max_request_size);
             c.discarding = true;
             c.discard_state = c.in.back() == '\n' ? 1 : 0;
             if (c.in.size() >= 2 && c.in.back() == '\r' && c.in[c.in.size() - 2] == '\n') {
@@ -487,28 +503,28 @@ void dispatcher::take_request(uint64_t id, connection& c) {
             c.in.clear();
             c.in.shrink_to_fit();
         }
-        return;
+        return taken::incomplete;
     }
     if (end > cfg_.max_request_size + 2) {
-        say(LOG_WARNING, "request larger than %u bytes; answering DUNNO", cfg_.max_request_size);
+        complain("request larger than %u bytes; answering DUNNO", cfg_.max_request_size);
         c.in.erase(0, end);
-        answer(id, c, "DUNNO");
-        return;
+        answer(c, "DUNNO");
+        return taken::answered;
     }
     const std::string body = c.in.substr(0, body_end);
     c.in.erase(0, end);
     request req;
     std::string why;
     if (!parse_request(body, req, why)) {
-        say(LOG_WARNING, "malformed request (%s); answering DUNNO", why.c_str());
-        answer(id, c, "DUNNO");
-        return;
+        complain("malformed request (%s); answering DUNNO", why.c_str());
+        answer(c, "DUNNO");
+        return taken::answered;
     }
     if (req.get("request") != "smtpd_access_policy") {
-        say(LOG_WARNING, "request type \"%.64s\" is not smtpd_access_policy; answering DUNNO",
-            std::string(req.get("request")).c_str());
-        answer(id, c, "DUNNO");
-        return;
+        complain("request type \"%.64s\" is not smtpd_access_policy; answering DUNNO",
+                 std::string(req.get("request")).c_str());
+        answer(c, "DUNNO");
+        return taken::answered;
     }
     unsigned char flags = 0;
     rate_flags(req, flags);
@@ -526,6 +542,24 @@ void dispatcher::take_request(uint64_t id, connection& c) {
     ::epoll_ctl(epoll_, EPOLL_CTL_MOD, c.fd, &ev);
     queue_.push_back(id);
     pump();
+    return taken::queued;
+}
+
+// Warnings about what a client sent; a client sending garbage in a loop must not flood the
+// mail log, so each second gets ten and a count of the rest.
+void dispatcher::complain(const char* format, ...) {
+    if (now_ != complaint_second_) {
+        if (complaints_ > 10) say(LOG_WARNING, "%u similar warnings suppressed", complaints_ - 10);
+        complaint_second_ = now_;
+        complaints_ = 0;
+    }
+    if (++complaints_ > 10) return;
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    say(LOG_WARNING, "%s", text);
 }
 
 void dispatcher::rate_flags(const request& req, unsigned char& flags) {
@@ -550,14 +584,15 @@ void dispatcher::rate_flags(const request& req, unsigned char& flags) {
     }
 }
 
-void dispatcher::answer(uint64_t id, connection& c, const std::string& action) {
+void dispatcher::answer(connection& c, const std::string& action) {
     c.waiting = false;
     c.pending.clear();
     c.out += frame_answer(action);
-    flush(id, c);
 }
 
-void dispatcher::flush(uint64_t id, connection& c) {
+// Writes what is pending; true when all of it went out. On a full socket it waits for
+// EPOLLOUT (reading nothing meanwhile); a client that left is closed, and c is gone then.
+bool dispatcher::flush(uint64_t id, connection& c) {
     while (!c.out.empty()) {
         const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0) {
@@ -567,20 +602,37 @@ void dispatcher::flush(uint64_t id, connection& c) {
                 ev.events = EPOLLOUT;
                 ev.data.u64 = kTagConnection | id;
                 ::epoll_ctl(epoll_, EPOLL_CTL_MOD, c.fd, &ev);
-                return;
+                return false;
             }
             close_connection(id);  // the client left before its answer
-            return;
+            return false;
         }
         c.out.erase(0, static_cast<size_t>(n));
         c.last_io = now_;
     }
-    epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLRDHUP;
-    ev.data.u64 = kTagConnection | id;
-    ::epoll_ctl(epoll_, EPOLL_CTL_MOD, c.fd, &ev);
-    // A pipelining client may already have sent its next request.
-    if (!c.in.empty()) take_request(id, c);
+    return true;
+}
+
+// Moves a connection on as far as it can go now: writes its answer, then takes the next
+// request it already sent (a pipelining client), one at a time, so neither the stack nor
+// the pending output grows with what a client sends.
+void dispatcher::serve(uint64_t id) {
+    for (;;) {
+        const auto it = conns_.find(id);
+        if (it == conns_.end()) return;
+        connection& c = it->second;
+        if (!flush(id, c)) return;
+        if (c.waiting) return;
+        if (c.in.empty() || take_request(id, c) != taken::answered) {
+            if (!c.waiting) {
+                epoll_event ev{};
+                ev.events = EPOLLIN | EPOLLRDHUP;
+                ev.data.u64 = kTagConnection | id;
+                ::epoll_ctl(epoll_, EPOLL_CTL_MOD, c.fd, &ev);
+            }
+            return;
+        }
+    }
 }
 
 void dispatcher::reload() {
@@ -655,9 +707,7 @@ void dispatcher::tick() {
         if (w.fd >= 0 && w.conn != 0 && now_ - w.since >= cfg_.request_timeout) {
             // Its answer would come too late for Postfix; the worker may be stuck for good.
             ::kill(w.pid, SIGKILL);
-            const pid_t pid = w.pid;
             worker_lost(i, "overran request_timeout and was stopped");
-            (void)pid;
         } else if (w.fd < 0 && w.pid == 0 && !stopping_) {
             spawn(i);
         }
@@ -679,8 +729,22 @@ void dispatcher::tick() {
         if (it == conns_.end()) continue;
         connection& c = it->second;
         if (c.waiting) {
-            say(LOG_WARNING, "no verdict within request_timeout; answered DUNNO");
-            answer(id, c, "DUNNO");
+            // A worker still judging it would answer later, into the next request's place:
+            // it goes, and its loss answers DUNNO.
+            bool at_worker = false;
+            for (size_t i = 0; i < workers_.size(); ++i) {
+                if (workers_[i].conn == id && workers_[i].fd >= 0) {
+                    ::kill(workers_[i].pid, SIGKILL);
+                    worker_lost(i, "overran request_timeout and was stopped");
+                    at_worker = true;
+                    break;
+                }
+            }
+            if (!at_worker) {
+                say(LOG_WARNING, "no worker free within request_timeout; answered DUNNO");
+                answer(c, "DUNNO");
+                serve(id);
+            }
         } else {
             close_connection(id);
         }
