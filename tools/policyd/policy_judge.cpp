@@ -26,7 +26,10 @@ char* dup_or_null(std::string_view v) {
     return strndup(v.data(), v.size());
 }
 
-char* dup_always(std::string_view v) { return strndup(v.data(), v.size()); }
+// data() of an empty view may be null, which strndup must not see.
+char* dup_always(std::string_view v) {
+    return v.empty() ? strdup("") : strndup(v.data(), v.size());
+}
 
 bool is_directory(const std::string& path) {
     struct stat st {};
