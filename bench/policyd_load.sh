@@ -40,7 +40,7 @@ pid=$!
 trap 'kill $pid $dnsmasq_pid 2>/dev/null; wait 2>/dev/null' EXIT
 for _ in $(seq 100); do grep -qs "ready:" "$work/policyd.log" && break; sleep 0.05; done
 load=$build_dir/bench/policyd_load
-workers() { cat "/proc/$pid/task/$pid/children"; }
+workers() { tr " " "\n" <"/proc/$pid/task/$pid/children" | grep .; }
 cpu_ticks() { # user+system ticks of all workers
     local t=0 w
     for w in $(workers); do t=$((t + $(awk '{print $14 + $15}' "/proc/$w/stat"))); done
@@ -71,6 +71,8 @@ if command -v perf >/dev/null; then
     perf record -g -o "$work/perf.data" -p "$(workers | paste -sd, -)" -- sleep 5 \
         >"$work/perf.out" 2>&1 || tail -n 3 "$work/perf.out"
     wait "$load_pid" || true
-    perf report -i "$work/perf.data" --no-children --sort dso --stdio 2>&1 | grep -v "^#" |
-        grep -v "^$" | head -n 10 || true
+    for sort in dso dso,sym; do
+        perf report -i "$work/perf.data" --no-children --sort "$sort" --stdio -g none 2>&1 |
+            grep -v "^#" | grep -v "^$" | head -n 12 || true
+    done
 fi
