@@ -861,8 +861,7 @@ int bind_listener(const std::string& spec) {
     return fd;
 }
 
-// Gives up root for good, after the sockets are bound; the message log directory is made
-// the service user's first, since the workers append to it.
+// Gives up root for good, after the sockets are bound.
 bool drop_root(const std::string& user) {
     if (::geteuid() != 0) return true;
     const passwd* pw = ::getpwnam(user.c_str());
@@ -871,14 +870,19 @@ bool drop_root(const std::string& user) {
             user.c_str());
         return false;
     }
-    ::mkdir(ARDVEX_LOG_DIR, 0750);
-    if (::chown(ARDVEX_LOG_DIR, pw->pw_uid, pw->pw_gid) < 0) {
+    // A fresh install has no log directory yet: it becomes the service user's. One that
+    // exists belongs to whoever set it up for the suite and keeps its owner.
+    if (::mkdir(ARDVEX_LOG_DIR, 0750) == 0 && ::chown(ARDVEX_LOG_DIR, pw->pw_uid, pw->pw_gid) < 0) {
         say(LOG_WARNING, "cannot hand %s to %s: %s", ARDVEX_LOG_DIR, user.c_str(),
             std::strerror(errno));
     }
     if (::setgroups(0, nullptr) < 0 || ::setgid(pw->pw_gid) < 0 || ::setuid(pw->pw_uid) < 0) {
         say(LOG_ERR, "cannot become %s: %s", user.c_str(), std::strerror(errno));
         return false;
+    }
+    if (::access(ARDVEX_LOG_DIR, W_OK) != 0) {
+        say(LOG_WARNING, "%s is not writable for %s: verdicts will not reach the message log",
+            ARDVEX_LOG_DIR, user.c_str());
     }
     return true;
 }
