@@ -356,7 +356,7 @@ void dispatcher::worker_lost(size_t slot, const char* why) {
 
 void dispatcher::on_worker(size_t slot) {
     worker& w = workers_[slot];
-    char buf[1024];
+    char buf[4096];  // an answer is at most a reply line
     const ssize_t n = ::recv(w.fd, buf, sizeof buf, MSG_DONTWAIT);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (n <= 0) {

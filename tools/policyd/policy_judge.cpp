@@ -149,8 +149,13 @@ std::string notice_for(const spam_rule& rule, spam_session* s) {
     if (text == nullptr) return rule.notice;
     std::string out(text);
     std::free(text);
-    // One SMTP reply line holds 512 bytes with its code; keep well inside it.
-    if (out.size() > 420) out.resize(420);
+    // One SMTP reply line holds 512 bytes with its code; keep well inside it, and never cut
+    // a UTF-8 character of a client's HELO or address in two.
+    if (out.size() > 420) {
+        size_t cut = 420;
+        while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xC0) == 0x80) --cut;
+        out.resize(cut);
+    }
     return out;
 }
 
