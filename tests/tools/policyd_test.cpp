@@ -222,6 +222,18 @@ TEST_F(PolicyTest, FirstDecidingRuleWinsAndItsAnswer) {
     EXPECT_EQ(v.taken, action::warn);
     EXPECT_EQ(v.answer.rfind("WARN require_helo: Missing HELO.", 0), 0u) << v.answer;
 
+    // A client's long UTF-8 HELO: the reply line stays short and whole characters.
+    g_fake.require_helo = false;
+    g_fake.valid_helo_domain = true;
+    std::string helo;
+    for (int i = 0; i < 300; ++i) helo += "\xc3\xa9";  // é
+    v = run(settings("valid_helo_domain = reject\n"), "client_address=10.0.0.7\nhelo_name=" + helo);
+    EXPECT_EQ(v.rule, "valid_helo_domain");
+    EXPECT_LE(v.notice.size(), 420u);
+    EXPECT_EQ(v.notice.rfind("HELO argument [\xc3\xa9", 0), 0u);
+    EXPECT_EQ(static_cast<unsigned char>(v.notice.back()), 0xa9u) << "cut inside an é";
+    g_fake.require_helo = true;
+
     // A whitelist match ends the walk without rejecting.
     g_fake.ip_whitelist = true;
     g_calls = 0;

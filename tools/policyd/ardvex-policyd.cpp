@@ -105,6 +105,10 @@ void usage(FILE* out) {
 
 int worker_main(const ow_list* rules) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Reloads and interrupts are the dispatcher's; a hangup of the whole process group (a
+    // terminal closing) must not take the workers away from under it.
+    ::signal(SIGHUP, SIG_IGN);
+    ::signal(SIGINT, SIG_IGN);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
