@@ -64,6 +64,14 @@ TEST_F(AdminTool, JudgeShowsEveryRuleAndAnswersByExitStatus) {
     for (const char c : out_) lines += c == '\n' ? 1 : 0;
     EXPECT_EQ(lines, 31u + 2u) << out_;
 
+    // No HELO: require_helo rejects (1), or defers (2) where the settings say so.
+    EXPECT_EQ(run("judge -c " + dir_ + "/ok.conf --client-address 10.0.0.1"), 1);
+    EXPECT_NE(out_.find("require_helo                         matched"), std::string::npos);
+    EXPECT_NE(out_.find("notice: Missing HELO."), std::string::npos) << out_;
+    EXPECT_NE(out_.find("answer: action=550 5.7.1 Missing HELO."), std::string::npos);
+    std::ofstream(dir_ + "/defer.conf") << "require_helo = defer\n";
+    EXPECT_EQ(run("judge -c " + dir_ + "/defer.conf --client-address 10.0.0.1"), 2);
+
     std::ofstream(dir_ + "/bad.conf") << "\nrequire_helo = maybe\n";
     EXPECT_EQ(run("judge -c " + dir_ + "/bad.conf --client-address 10.0.0.1"), 78);
     EXPECT_EQ(err_, "ardvex-admin judge: " + dir_ +
