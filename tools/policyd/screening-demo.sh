@@ -26,7 +26,13 @@ send() { # TITLE CLIENT HELO FROM TO
     echo "=== $1"
     echo "    $2 ($3) MAIL FROM:<$4> RCPT TO:<$5>"
     echo "    SMTP reply: $reply"
+    case $reply in
+        2*) accepted=$((accepted + 1)) ;;
+        5*) rejected=$((rejected + 1)) ;;
+        4*) deferred=$((deferred + 1)) ;;
+    esac
 }
+accepted=0 rejected=0 deferred=0
 send "an ordinary sender: accepted" 198.51.100.20 mail.good.test a@good.test u@example.test
 send "a client on the block list: rejected" 198.51.100.21 mail.listed.test a@listed.test u@example.test
 send "the same client to a whitelisted recipient" 198.51.100.21 mail.listed.test a@listed.test vip@example.test
@@ -47,3 +53,7 @@ echo "=== ardvex-admin judge: why the listed client is rejected, rule by rule"
     --helo mail.listed.test --sender a@listed.test --recipient u@example.test |
     grep -v " off *$" | sed 's/^/    /' || true
 echo "    (rules set to off are left out)"
+echo
+echo "=== in short: $accepted mails accepted (one only because its recipient is whitelisted)," \
+    "$rejected rejected with the rule's notice, $deferred deferred for sending too fast;" \
+    "the accepted and rejected ones are in the message log and its counters."
