@@ -170,7 +170,11 @@ static int entry_in_opposite_table(const char* dir, const char* name, const char
 
 // Copies the list at path to "<path>.tmp" as plan says and renames the copy over the list,
 // all under the list's lock. Returns nullptr or the caller's message.
-static const char* edit_list(const char* path, const edit_plan& plan, bool create) {
+static const char* edit_list(const char* list_path, const edit_plan& plan, bool create) {
+    // A list linked in from elsewhere stays shared: the new list replaces the file the link
+    // names, not the link.
+    ow::unique_cstr real(::realpath(list_path, nullptr));
+    const char* path = real ? real.get() : list_path;
     char* tmp_raw = nullptr;
     if (ow_asprintf(&tmp_raw, "%s.tmp", path) < 0) return kOutOfMemory;
     ow::unique_cstr tmp(tmp_raw);
@@ -361,6 +365,9 @@ int __wildcardmatch(const char* pattern, const char* text) {
     char* out = expr;
     *out++ = '^';
     for (const char* p = pattern; *p != '\0'; ++p) {
+        // A run of '*' matches what one does; as ".*.*..." it would make the matcher try
+        // every way of splitting the text between them.
+        if (*p == '*' && p != pattern && p[-1] == '*') continue;
         if (*p == '*' || *p == '.') *out++ = *p == '*' ? '.' : '\\';
         *out++ = *p;
     }

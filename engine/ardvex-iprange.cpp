@@ -206,14 +206,21 @@ static const char* write_header(const range_file& rf) {
     return nullptr;
 }
 
-// Opens dir/name into rf. Writers wait for the lock and may create the file or reset a
-// corrupt one to an empty version 2 file; readers take no lock.
+// Opens dir/name into rf; with name NULL, the file rf.path already names (a new file beside a
+// locked one). Writers wait for the lock and may create the file or reset a corrupt one to an
+// empty version 2 file; readers take no lock.
 static bool __open_range_file(const char* dir, const char* name, bool writable, bool create,
                               range_file& rf) {
-    rf.path.reset(__gen_full_path(dir, name));
-    if (!rf.path) {
-        if (dir != nullptr && *dir != '\0' && name != nullptr && *name != '\0') OW_ENOMEM();
-        return false;
+    if (name != nullptr || !rf.path) {
+        rf.path.reset(__gen_full_path(dir, name));
+        if (!rf.path) {
+            if (dir != nullptr && *dir != '\0' && name != nullptr && *name != '\0') OW_ENOMEM();
+            return false;
+        }
+        // A range file linked in from elsewhere stays shared: writers replace the file the
+        // link names, not the link.
+        if (char* real = writable ? ::realpath(rf.path.get(), nullptr) : nullptr)
+            rf.path.reset(real);
     }
     const char* path = rf.path.get();
     if (writable) {
@@ -271,16 +278,12 @@ static void __destroy_temp_range_file(range_file& rf) {
 
 // Opens "<name>.new" beside the locked file old as a fresh, empty version 2 file. Only a
 // writer holding old's lock touches it, so anything already there was left by one that died.
-static const char* open_new_file(const char* dir, const char* name, const range_file& old,
-                                 range_file& out) {
-    char* new_name = nullptr;
+static const char* open_new_file(const range_file& old, range_file& out) {
     char* new_path = nullptr;
-    if (ow_asprintf(&new_name, "%s.new", name) < 0) return kOutOfMemory;
-    ow::unique_cstr name_owner(new_name);
     if (ow_asprintf(&new_path, "%s.new", old.path.get()) < 0) return kOutOfMemory;
-    ow::unique_cstr path_owner(new_path);
+    out.path.reset(new_path);
     if (::unlink(new_path) != 0 && errno != ENOENT) OW_ERRNO(errno);
-    if (!__open_range_file(dir, new_name, true, true, out)) {
+    if (!__open_range_file(nullptr, nullptr, true, true, out)) {
         __destroy_temp_range_file(out);
         return kOpenFailed;
     }
@@ -518,7 +521,7 @@ bool ipr_add_range_to_file(const char* dir, const char* name, const char* low, c
         return false;
     }
     range_file fresh;
-    if (const char* failed = open_new_file(dir, name, old, fresh); failed != nullptr) {
+    if (const char* failed = open_new_file(old, fresh); failed != nullptr) {
         set_message(message, failed);
         return false;
     }
@@ -577,7 +580,7 @@ bool ipr_del_range_from_file(const char* dir, const char* name, const char* low,
         return true;
     }
     range_file fresh;
-    if (const char* failed = open_new_file(dir, name, old, fresh); failed != nullptr) {
+    if (const char* failed = open_new_file(old, fresh); failed != nullptr) {
         set_message(message, failed);
         return false;
     }
@@ -619,7 +622,7 @@ bool ipr_convert_file(const char* dir, const char* name) {
     if (!__open_range_file(dir, name, true, false, old)) return false;
     if (old.header.version == IPR_VERSION_CURRENT) return true;
     range_file fresh;
-    if (open_new_file(dir, name, old, fresh) != nullptr) return false;
+    if (open_new_file(old, fresh) != nullptr) return false;
     record_writer out(fresh.fd);
     // walk_records gives each old record as a new one with an empty comment.
     const bool read =

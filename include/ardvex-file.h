@@ -12,9 +12,10 @@
  *     is one of them (exact, ignoring case); __wildcardmatch is the other ('*' wildcards).
  *  3. Editing (ow_add_entry, ow_del_entry) holds the whole-file write lock of ow_open_ex on
  *     the list while it works and replaces the list by renaming a complete new file
- *     "<list>.tmp" over it, keeping the list's permission bits. Readers take no lock and
- *     always see either the old or the new list, never a part of one; an interrupted edit
- *     leaves the old list in place.
+ *     "<list>.tmp" over it, keeping the list's permission bits (a list that is a symbolic
+ *     link is replaced where the link points). Readers take no lock and always see either
+ *     the old or the new list, never a part of one; an interrupted edit leaves the old list
+ *     in place.
  *  4. An entry may not be added to "from_whitelist", "exempt_ips" or "rl_whitelist.lst"
  *     while it stands in "from_blacklist", "blocked_ips" or "ra_whitelist.lst" respectively,
  *     nor the other way round.

@@ -13,9 +13,10 @@
  *     with a bad signature or version is corrupt: lookups answer false, and adding rewrites
  *     it as an empty version 2 file. Only version 2 files are modified.
  *  3. Writers hold the whole-file write lock of ow_open_ex (ow_file.h) on the range file and
- *     replace it by renaming a complete new file "<file>.new" over it, so a reader sees the
- *     old or the new file whole: its count always agrees with its size. Deletion and
- *     conversion keep a "<file>.bak" link to the old file only while the swap is under way.
+ *     replace it by renaming a complete new file "<file>.new" over it (where a symbolic link
+ *     points, when it is one), so a reader sees the old or the new file whole: its count
+ *     always agrees with its size. Deletion and conversion keep a "<file>.bak" link to the
+ *     old file only while the swap is under way.
  *  4. Failures write one ERROR line (ow_log.h); steps are narrated as DEBUG lines. Message
  *     out-parameters receive constant texts: never free them.
  */

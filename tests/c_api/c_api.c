@@ -1,7 +1,8 @@
 /* c_api.c: the library as a C11 caller sees it through its installed headers, the way the
  * suite's mail-server component uses it: strings, a file written and read back, the map, a
- * program run two ways, and the log sink. Built in the tree and, by the install test, against
- * the staged installation through pkg-config (shared and static). */
+ * program run two ways, the log sink, and the engine's rule list, hooks and address checks.
+ * Built in the tree and, by the install test, against the staged installation through
+ * pkg-config (shared and static). */
 #define _POSIX_C_SOURCE 200809L
 #include <fcntl.h>
 #include <stdio.h>
@@ -9,13 +10,18 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <ardvex/ardvex-ip-funcs.h>
+#include <ardvex/ardvex-ipv6.h>
+#include <ardvex/ardvex-spam-hooks.h>
 #include <ardvex/common_libs.h>
 #include <ardvex/ow_file.h>
 #include <ardvex/ow_hashmap.h>
 #include <ardvex/ow_log.h>
 #include <ardvex/ow_nulltermlist.h>
 #include <ardvex/ow_pipe.h>
+#include <ardvex/ow_rfc.h>
 #include <ardvex/ow_stringutils.h>
+#include <ardvex/owspamrule.h>
 
 static int failures = 0;
 #define CHECK(cond)                                                                  \
@@ -38,6 +44,39 @@ static void read_output(int32_t fd, void* user) {
     ssize_t got = read(fd, out, 63);
     out[got > 0 ? got : 0] = '\0';
     close(fd);
+}
+
+static bool listed(spam_session* s) { return s->helo != NULL && strcmp(s->helo, "friend") == 0; }
+
+static void engine(void) {
+    ow_list* rules = build_rule_list();
+    CHECK(ow_list_count(rules) == SPAM_RULE_COUNT);
+    ow_list* found =
+        ow_list_search(rules, "require_helo", sizeof "require_helo", rule_name_compare);
+    spam_session session;
+    memset(&session, 0, sizeof session);
+    session.ip = "192.0.2.9";
+    session.helo = "friend";
+    char* notice = found != NULL ? build_rejection_notice(found->data, &session, NULL) : NULL;
+    CHECK(notice != NULL && strncmp(notice, "Missing HELO. See ", 18) == 0);
+    free(notice);
+    register_rule_hooks(true, NULL, NULL, NULL, NULL, NULL, NULL, NULL, listed, NULL, NULL, NULL,
+                        NULL, NULL, NULL, NULL);
+    CHECK(rule_hooks.dns_option && rule_hooks.helo_whitelist_hook(&session));
+    ow_destroy_list(&rules, free_rule);
+    CHECK(rules == NULL);
+
+    ow_list* addresses = ow_parse_addresses_from_header("A <a@x.test>, b@y.test (B)");
+    CHECK(ow_list_count(addresses) == 2);
+    CHECK(addresses != NULL && strcmp(ow_list_data_at(addresses, 1), "b@y.test") == 0);
+    ow_destroy_list(&addresses, free);
+    CHECK(ow_is_ip("2001:db8::1") == 10 && ow_is_unroutable_ip("10.1.2.3"));
+    char* text = ip_number_to_string((int32_t)ip_string_to_number("10.1"));
+    CHECK(text != NULL && strcmp(text, "10.0.0.1") == 0);
+    free(text);
+    char* v6 = compress_ipv6("0:0:0:0:0:0:0:1");
+    CHECK(v6 != NULL && strcmp(v6, "::1") == 0 && is_localhost("::1"));
+    free(v6);
 }
 
 int main(void) {
@@ -84,6 +123,7 @@ int main(void) {
     CHECK(execute_program("/bin/echo", argv, buffer, sizeof buffer - 1, &code) && code == 0);
     CHECK(strcmp(buffer, "hello\n") == 0);
     ow_lstfree(&argv, free);
+    engine();
     CHECK(errors_seen == 0);
 
     CHECK(ow_pipe("/bin/echo", "x;y", NULL, NULL, NULL) == -1); /* refused, one line */

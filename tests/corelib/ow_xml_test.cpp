@@ -87,7 +87,6 @@ TEST_F(Xml, AttributesLookupAndPrinting) {
     EXPECT_TRUE(ow_xml_add_node_attribute(n, "flag", nullptr));
     const char* text = "k=v;ignored";
     EXPECT_TRUE(ow_xml_add_node_attribute(n, text, text + 3));
-    EXPECT_TRUE(ow_test::has_debug("ow_xml_add_node_attribute", "Value parsed: [some value]"));
 
     testing::internal::CaptureStdout();
     ow_xml_print_node(n, 0);
@@ -97,18 +96,14 @@ TEST_F(Xml, AttributesLookupAndPrinting) {
 
     ow_test::refused(
         "ow_xml_add_node_attribute", std::strerror(EINVAL),
-        {!ow_xml_add_node_attribute(nullptr, "k=v", nullptr),
-         !ow_xml_add_node_attribute(n, nullptr, nullptr),
-         !ow_xml_add_node_attribute(n, "", nullptr), !ow_xml_add_node_attribute(n, text, text)});
+        {!ow_xml_add_node_attribute(n, "", nullptr), !ow_xml_add_node_attribute(n, text, text)});
     ow_test::refused("ow_xml_add_node_attribute",
                      "Corrupt data - attribute string must have a label",
                      {!ow_xml_add_node_attribute(n, "=v", nullptr)});
     ow_test::refused("ow_xml_retrieve_key_value", std::strerror(EINVAL),
-                     {ow_xml_retrieve_key_value(n, "") == nullptr,
-                      ow_xml_retrieve_key_value(nullptr, "a") == nullptr});
+                     {ow_xml_retrieve_key_value(n, "") == nullptr});
     ow_xml_destroy_node(n);
     ow_xml_destroy_node(nullptr);
-    EXPECT_TRUE(ow_test::has_debug("ow_xml_destroy_node", "argument is NULL, nothing to do."));
 }
 
 TEST_F(Xml, OutOfMemoryReleasesEverything) {

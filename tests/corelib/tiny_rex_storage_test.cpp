@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -112,7 +111,6 @@ TEST_F(TinyRexStorageTest, StoredPatternsAnswerAsBeforeButIgnoreCase) {
         }
     }
     EXPECT_FALSE(trs_next(fp, &read_back));
-    EXPECT_TRUE(ow_test::has_debug("trs_next", "end of file. terminating"));
     std::free(read_back.nodes);
     for (TRex* exp : compiled) trex_free(exp);
     std::fclose(fp);
@@ -129,7 +127,6 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
         bytes_t bytes;
         const char* subject;
         bool expected;
-        bool ends;    // the DEBUG line for the normal end of the list
         errs errors;  // every ERROR line, in any order
     };
     auto truncated = file_of({contains('x')});
@@ -139,30 +136,25 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
     const bytes_t text = {'d', 's', 'l', '\n', 'x', '\n'};
     const std::string foreign = "file [" + path_ + "] is not a valid ordwin generated regex file";
     const std::vector<file_case> cases = {
-        {"only the magic", file_of({}), "x", false, true, {}},
+        {"only the magic", file_of({}), "x", false, {}},
         // The empty third record would log if it were read.
-        {"second of three matches",
-         file_of({contains('x'), contains('y'), {}}),
-         "y",
-         true,
-         false,
-         {}},
-        {"zero count passed over", file_of({contains('x'), {}, contains('y')}), "y", true, false,
+        {"second of three matches", file_of({contains('x'), contains('y'), {}}), "y", true, {}},
+        {"zero count passed over", file_of({contains('x'), {}, contains('y')}), "y", true,
          errs{{"trs_next", "node count size of zero read: invalid regex"}}},
-        {"truncated count", truncated, "z", false, false,
+        {"truncated count", truncated, "z", false,
          errs{{"trs_next", "Error reading node block size: Success"},
               {"trs_next", "nallocated is 1"},
               {"trs_next", "bytes read is 2"}}},
-        {"short node block", file_of({contains('x')}, {3, OP_EXPRESSION}), "z", false, false,
+        {"short node block", file_of({contains('x')}, {3, OP_EXPRESSION}), "z", false,
          errs{{"trs_next", "short read when attempting to read node #0"}}},
-        {"negative count", file_of({}, {-1}), "z", false, true,
+        {"negative count", file_of({}, {-1}), "z", false,
          errs{{"trs_next", "block size -16 exceeds sane boundaries"}}},
         // The matcher refuses the corrupt node and the scan goes on with the next record.
-        {"corrupt node passed over", file_of({corrupt_next, contains('y')}), "qy", true, false,
+        {"corrupt node passed over", file_of({corrupt_next, contains('y')}), "qy", true,
          errs{{"__trex_node_is_valid", "corrupt regex: node->next is out of range 77 > 5"},
               {"trex_match", std::strerror(EINVAL)}}},
-        {"foreign file", text, "dsl", false, false, errs{{"compiled_regex_match", foreign}}},
-        {"empty file", bytes_t{}, "x", false, false,
+        {"foreign file", text, "dsl", false, errs{{"compiled_regex_match", foreign}}},
+        {"empty file", bytes_t{}, "x", false,
          errs{{"trs_valid_file", "failed to read header bit: Success"},
               {"compiled_regex_match", foreign}}},
     };
@@ -173,7 +165,6 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
         EXPECT_EQ(compiled_regex_match(path_.c_str(), c.subject), c.expected);
         EXPECT_EQ(ow_test::error_count(), c.errors.size()) << ow_test::dump();
         for (const auto& [func, text] : c.errors) EXPECT_ERROR_LINE(func, text);
-        EXPECT_EQ(ow_test::has_debug("trs_next", "end of file. terminating"), c.ends);
     }
 }
 
@@ -208,39 +199,21 @@ TEST_F(TinyRexStorageTest, RecordSizeLimits) {
     trex_free(compiled);
 }
 
-TEST_F(TinyRexStorageTest, AFileOfSlowDamagedRecordsEndsInTime) {
-    // Found by fuzzing: damaged records that each run a match to its step budget.
-    const std::string path =
-        ARDVEX_SOURCE_DIR "/fuzz/corpus/tiny_rex_storage/slow_records.cregexes";
-    for (const char* subject : {"", "host-10-1-2-3.dsl.example.net", "a\tb c\x01\xff"}) {
-        SCOPED_TRACE(subject);
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_FALSE(compiled_regex_match(path.c_str(), subject));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    }
-}
-
 TEST_F(TinyRexStorageTest, MissingFilesAndRefusedArguments) {
     EXPECT_FALSE(compiled_regex_match((dir_ + "/missing.cregexes").c_str(), "x"));
     EXPECT_FALSE(compiled_regex_match(dir_.c_str(), "x"));  // a directory is not a pattern file
     EXPECT_NO_ERRORS();
 
     const std::string einval = std::strerror(EINVAL);
-    EXPECT_FALSE(compiled_regex_match(nullptr, "x"));
-    EXPECT_FALSE(compiled_regex_match("", "x"));
-    EXPECT_FALSE(compiled_regex_match(path_.c_str(), nullptr));
-    EXPECT_ERROR_LINE("compiled_regex_match", einval);
-    EXPECT_FALSE(trs_valid_file(nullptr));
-    EXPECT_ERROR_LINE("trs_valid_file", einval);
-    EXPECT_FALSE(trs_set_header(nullptr));
-    EXPECT_ERROR_LINE("trs_set_header", einval);
     TRex empty{};
     FILE* fp = std::fopen(path_.c_str(), "w+b");
-    EXPECT_FALSE(trs_store(fp, &empty));
-    EXPECT_FALSE(trs_store(nullptr, &empty));
-    EXPECT_ERROR_LINE("trs_store", einval);
-    EXPECT_FALSE(trs_next(fp, nullptr));
-    EXPECT_ERROR_LINE("trs_next", einval);
+    ow_test::refused(
+        "compiled_regex_match", einval,
+        {!compiled_regex_match("", "x"), !compiled_regex_match(path_.c_str(), nullptr)});
+    ow_test::refused("trs_valid_file", einval, {!trs_valid_file(nullptr)});
+    ow_test::refused("trs_set_header", einval, {!trs_set_header(nullptr)});
+    ow_test::refused("trs_store", einval, {!trs_store(fp, &empty)});
+    ow_test::refused("trs_next", einval, {!trs_next(fp, nullptr)});
 
     // Setting the header empties whatever the file held.
     std::fputs("old contents that must go", fp);

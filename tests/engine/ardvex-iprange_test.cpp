@@ -218,6 +218,10 @@ TEST_F(RangeFileTest, AddDeleteImages) {
     EXPECT_FALSE(fs::exists(path("r.range.bak")));
     ASSERT_EQ(::stat(path().c_str(), &after), 0);
     EXPECT_EQ(after.st_mode & 0777, 0640u);
+    fs::create_symlink(path(), path("linked"));  // a linked file stays linked
+    EXPECT_TRUE(ipr_del_range_from_file(dir_.c_str(), "linked", "10.3.0.5", "10.3.0.9", &msg));
+    EXPECT_TRUE(fs::is_symlink(path("linked")));
+    EXPECT_EQ(get(), image(2, {{"192.168.7.1", "192.168.7.1", "one host"}}));
     EXPECT_NO_ERRORS();
 
     EXPECT_FALSE(ipr_del_range_from_file(dir_.c_str(), "absent", "10.1.1.1", "10.1.1.2", &msg));

@@ -10,13 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <map>
 #include <regex>
 #include <string>
@@ -227,11 +225,7 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(hourly(dir_), 3).ham, 1u);
     EXPECT_TRUE(same(record_at(hourly(dir_), 1), old));
     // The day's first message came after the change, yet the day is dated to its midnight.
-    const std::time_t start = record_at(daily(dir_, 3), 28).period_start;
-    struct tm local {};
-    localtime_r(&start, &local);
-    EXPECT_EQ(start, at(2026, 3, 29, 0));
-    EXPECT_EQ(local.tm_mday * 100 + local.tm_hour, 2900);
+    EXPECT_EQ(record_at(daily(dir_, 3), 28).period_start, at(2026, 3, 29, 0));
 
     // From 03:00 to 03:00 over the short day: 23 hours, and every record a day old.
     put(hourly(dir_), full_hours(u32(at(2026, 3, 28, 3)), old));
@@ -582,8 +576,6 @@ TEST_F(MessageLogTest, UserLogsGetTheSameLineAndTheirOwnCounts) {
         EXPECT_EQ(bytes_of(d + "axlog"), line) << d;
         EXPECT_EQ(record_at(daily(d, 7), 3).spam + record_at(hourly(d), 9).spam, 2u) << d;
     }
-    EXPECT_TRUE(ow_test::has_debug("log_message",
-                                   "attempting to log to user directory: " + first + "axlog"));
     EXPECT_NO_ERRORS();
 
     // The first directory fails: the loop ends there and the second is not written.
@@ -666,7 +658,6 @@ TEST_F(MessageLogTest, ConcurrentProcessesLoseNoCountAndTearNoLine) {
     ow::testing::reset_debug_decision();
     ow_set_log_function(nullptr);
     log_program_name = "load";
-    const auto started = std::chrono::steady_clock::now();
     std::vector<pid_t> children;
     for (int p = 0; p < kProcesses; ++p) {
         const pid_t pid = fork();
@@ -687,10 +678,7 @@ TEST_F(MessageLogTest, ConcurrentProcessesLoseNoCountAndTearNoLine) {
         EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
                     WEXITSTATUS(status) == 0);
     }
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
     ow_set_log_function(&ow_test::capture_sink);
-    std::cout << "[ load     ] " << kProcesses << " x " << per_process << " messages in "
-              << took.count() << " s\n";
 
     for (record r : {record_at(daily(kLogDir, 7), 3), record_at(hourly(kLogDir), 9)}) {
         r.period_start = 0;

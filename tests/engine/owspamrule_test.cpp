@@ -127,17 +127,12 @@ TEST_F(SpamRuleTest, MacrosExpandWithFallbacks) {
         session_ = c.session;
         EXPECT_EQ(notice(), c.expected + banner);
     }
-    EXPECT_TRUE(ow_test::has_debug("build_rejection_notice",
-                                   "after replacement macros: rejection is: [%IP% unknown "
-                                   "unknown unknown unknown unknown %IP%]"));
 
     // A template without macros only gains the banner, so a final full stop is doubled.
     free_rule(rule_);
     rule_ = new_rule("plain", nullptr, 0, 0, 0, 0, "Missing HELO.");
     session_ = {.ip = ip};
     EXPECT_EQ(notice(), "Missing HELO.." + banner.substr(1));
-    EXPECT_TRUE(
-        ow_test::has_debug("build_rejection_notice", "full notice: [Missing HELO." + banner + "]"));
     EXPECT_NO_ERRORS();
 }
 
@@ -164,15 +159,12 @@ TEST_F(SpamRuleTest, OverrideReplacesTheTemplateOrFallsBack) {
 
 TEST_F(SpamRuleTest, RefusalsAndAllocationFailures) {
     const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
-    refused(
-        "new_rule", inval,
-        {!new_rule(nullptr, nullptr, 0, 0, 0, 0, "n"), !new_rule("", nullptr, 0, 0, 0, 0, "n"),
-         !new_rule("x", nullptr, 0, 0, 0, 0, nullptr), !new_rule("x", nullptr, 0, 0, 0, 0, "")});
+    refused("new_rule", inval,
+            {!new_rule("", nullptr, 0, 0, 0, 0, "n"), !new_rule("x", nullptr, 0, 0, 0, 0, "")});
     rule_ = new_rule("x", nullptr, 0, 0, 0, 0, "n");
     spam_rule nameless{};
     refused("build_rejection_notice", inval,
-            {!build_rejection_notice(nullptr, &session_, nullptr),
-             !build_rejection_notice(rule_, nullptr, nullptr),
+            {!build_rejection_notice(rule_, nullptr, nullptr),
              !build_rejection_notice(&nameless, &session_, nullptr)});
     for (long n = 1; n <= 3; ++n) {
         SCOPED_TRACE(n);
