@@ -133,11 +133,11 @@ int worker_main(const ow_list* rules) {
                 }
                 continue;
             }
-            if (msg[0] != 'R' || msg.size() < 2) continue;
-            const auto flags = static_cast<unsigned char>(msg[1]);
+            if (msg[0] != 'R') continue;  // nothing waits for an answer to it
+            const auto flags = msg.size() > 1 ? static_cast<unsigned char>(msg[1]) : 0;
             request req;
             std::string why;
-            if (parse_request(msg.substr(2), req, why)) {
+            if (msg.size() > 1 && parse_request(msg.substr(2), req, why)) {
                 rate_verdicts rates;
                 rates.counted = (flags & 1) != 0;
                 rates.inbound_over = (flags & 2) != 0;
