@@ -11,7 +11,7 @@ cd "$(dirname "$0")"
 PACKAGES=(build-essential cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
           libbenchmark-dev libpcre3-dev libglib2.0-dev clang libclang-rt-14-dev curl openssl
           python3 iproute2 util-linux procps clang-format systemd tzdata dnsmasq-base
-          python3-dnslib)
+          python3-dnslib postfix swaks)
 
 deps() {
     local missing=()
@@ -25,6 +25,10 @@ deps() {
             exit 1
         fi
         apt-get update -qq
+        # Postfix asks how to configure itself at install; the tests bring their own settings.
+        if [[ " ${missing[*]} " == *" postfix "* ]]; then
+            echo "postfix postfix/main_mailer_type select No configuration" | debconf-set-selections
+        fi
         DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
     fi
 }

@@ -7,6 +7,8 @@
 #   1. first post: no cache yet, the set is posted and cached;
 #   2. unchanged: nothing is sent and nothing is logged;
 #   3. the enabled switch flipped to 0: the new set is posted.
+# Then a few mails through a real Postfix screened by ardvex-policyd
+# (tools/policyd/screening-demo.sh).
 # Builds nothing itself; needs root.
 set -euo pipefail
 
@@ -22,7 +24,16 @@ if [ -z "${NSENV_WORK:-}" ]; then
         echo "$0: $build_dir/metrics_client/ardvex-metrics-client is not built" >&2
         exit 1
     }
-    exec "$source_dir/tests/integration/nsenv.sh" "$build_dir" bash "${BASH_SOURCE[0]}" "$build_dir"
+    "$source_dir/tests/integration/nsenv.sh" "$build_dir" bash "${BASH_SOURCE[0]}" "$build_dir"
+    # Then mail screening: a real Postfix asking ardvex-policyd, in namespaces of its own.
+    if [ -x "$build_dir/tools/ardvex-policyd" ]; then
+        echo
+        echo "################ mail screening"
+        DNSENV_DNSMASQ_CONF=$source_dir/tests/policyd/dnsmasq.conf \
+            "$source_dir/tests/support/dnsenv.sh" "$source_dir/tests/policyd/postfix_env.sh" \
+            "$build_dir" "$source_dir/tools/policyd/screening-demo.sh"
+    fi
+    exit 0
 fi
 
 # --- inside the namespaces -------------------------------------------------------------

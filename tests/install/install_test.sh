@@ -17,7 +17,10 @@ grep -qx 'ExecStart=/usr/sbin/ardvex-metrics-client' "$units/ardvex-metrics-clie
 unshare --mount --propagation private sh -c '
     mount -t overlay staged -o "lowerdir=$1/usr/sbin:/usr/sbin" /usr/sbin &&
     systemd-analyze verify --man=no "$2/ardvex-metrics-client.service" \
-        "$2/ardvex-metrics-client.timer"' verify "$stage" "$units"
+        "$2/ardvex-metrics-client.timer" "$2/ardvex-policyd.socket" \
+        "$2/ardvex-policyd.service"' verify "$stage" "$units"
+grep -qx 'ExecStart=/usr/sbin/ardvex-policyd' "$units/ardvex-policyd.service"
+test -f "$stage/usr/share/man/man8/ardvex-policyd.8" && test -f "$stage/usr/share/man/man8/ardvex-admin.8"
 
 pc=$(find "$stage" -name ardvex.pc)
 grep -qx 'prefix=/usr' "$pc"

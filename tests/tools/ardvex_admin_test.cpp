@@ -1,0 +1,137 @@
+// Runs the real ardvex-admin: the judge's rule-by-rule table and exit statuses, list and
+// range edits through their refusals, and counter files written by the engine read back.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "ardvex-log.h"
+#include "log_capture.hpp"
+
+namespace {
+
+class AdminTool : public ow_test::LogCaptureTest {
+   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+#ifndef ARDVEX_ADMIN
+        GTEST_SKIP() << "the tool's build fragment did not pass its path";
+#endif
+        char dir[] = "/tmp/ardvex_admin_test.XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
+        LogCaptureTest::TearDown();
+    }
+    // Exit status; out_ gets standard output, err_ standard error.
+    int run(const std::string& args) {
+#ifdef ARDVEX_ADMIN
+        const std::string cmd =
+            "env -u VERBOSEDEBUG " + std::string(ARDVEX_ADMIN) + " " + args + " 2>" + dir_ + "/err";
+        FILE* p = popen(cmd.c_str(), "r");
+        out_.clear();
+        for (int c; (c = std::fgetc(p)) != EOF;) out_ += static_cast<char>(c);
+        const int status = pclose(p);
+        std::ifstream e(dir_ + "/err");
+        err_.assign(std::istreambuf_iterator<char>(e), {});
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#else
+        (void)args;
+        return -1;
+#endif
+    }
+    std::string dir_, out_, err_;
+};
+
+TEST_F(AdminTool, JudgeShowsEveryRuleAndAnswersByExitStatus) {
+    std::ofstream(dir_ + "/ok.conf") << "inbound_limit = 3\nrequire_helo = reject\n";
+    ASSERT_EQ(run("judge -c " + dir_ +
+                  "/ok.conf --client-address 10.0.0.1 --helo mx.example.test "
+                  "--sender a@example.test --recipient b@example.test"),
+              0)
+        << err_;
+    EXPECT_NE(out_.find("inbound"), std::string::npos);
+    EXPECT_NE(out_.find("rates are counted by the running service only"), std::string::npos);
+    EXPECT_NE(out_.find("block_lists"), std::string::npos);
+    EXPECT_NE(out_.find("no block-list zones configured"), std::string::npos);
+    EXPECT_NE(out_.find("answer: action=DUNNO\n"), std::string::npos) << out_;
+    // One line per rule of the engine, a header and the answer.
+    size_t lines = 0;
+    for (const char c : out_) lines += c == '\n' ? 1 : 0;
+    EXPECT_EQ(lines, 31u + 2u) << out_;
+
+    // No HELO: require_helo rejects (1), or defers (2) where the settings say so.
+    EXPECT_EQ(run("judge -c " + dir_ + "/ok.conf --client-address 10.0.0.1"), 1);
+    EXPECT_NE(out_.find("require_helo                         matched"), std::string::npos);
+    EXPECT_NE(out_.find("notice: Missing HELO."), std::string::npos) << out_;
+    EXPECT_NE(out_.find("answer: action=550 5.7.1 Missing HELO."), std::string::npos);
+    std::ofstream(dir_ + "/defer.conf") << "require_helo = defer\n";
+    EXPECT_EQ(run("judge -c " + dir_ + "/defer.conf --client-address 10.0.0.1"), 2);
+
+    std::ofstream(dir_ + "/bad.conf") << "\nrequire_helo = maybe\n";
+    EXPECT_EQ(run("judge -c " + dir_ + "/bad.conf --client-address 10.0.0.1"), 78);
+    EXPECT_EQ(err_, "ardvex-admin judge: " + dir_ +
+                        "/bad.conf: line 2: require_helo: expects reject, defer, warn or off\n");
+    EXPECT_EQ(run("judge --helo x"), 64);
+    EXPECT_EQ(run("judge --client-address"), 64);
+    EXPECT_EQ(run("judge --help"), 0);
+    EXPECT_NE(out_.find("usage: ardvex-admin judge"), std::string::npos);
+    EXPECT_EQ(run("frobnicate"), 64);
+}
+
+TEST_F(AdminTool, ListAndRangeEditsAndTheirRefusals) {
+    const std::string d = "-d " + dir_ + " ";
+    EXPECT_EQ(run("list add " + d + "from_whitelist '*@good.test'"), 0) << err_;
+    EXPECT_EQ(run("list add " + d + "--comment partner from_whitelist '*@GOOD.test'"), 0) << err_;
+    EXPECT_EQ(run("list add " + d + "from_whitelist '*@good.test'"), 1);
+    EXPECT_EQ(err_, "ardvex-admin list: Entry already exists\n");
+    EXPECT_EQ(run("list add " + d + "from_blacklist '*@good.test'"), 1);
+    EXPECT_EQ(err_, "ardvex-admin list: Entry is present in the opposite table\n");
+    EXPECT_EQ(run("list show " + d + "from_whitelist"), 0);
+    EXPECT_EQ(out_, "*@GOOD.test\n\tpartner\n");
+    EXPECT_EQ(run("list del " + d + "--comment-only from_whitelist '*@good.test'"), 0);
+    EXPECT_EQ(run("list show " + d + "from_whitelist"), 0);
+    EXPECT_EQ(out_, "*@GOOD.test\n");
+    EXPECT_EQ(run("list del " + d + "from_whitelist nobody@good.test"), 1);
+    EXPECT_EQ(run("list show " + d + "../etc/passwd"), 64);
+    EXPECT_EQ(run("list show " + d + "missing"), 66);
+
+    EXPECT_EQ(run("range add " + d + "--comment lab blocked_ips 10.1.0.0 10.1.255.255"), 0) << err_;
+    EXPECT_EQ(run("range add " + d + "blocked_ips 10.1.0.0 10.2.0.0"), 1);
+    EXPECT_EQ(err_, "ardvex-admin range: Invalid ip range to add\n");
+    EXPECT_EQ(run("range show " + d + "blocked_ips.range"), 0);
+    EXPECT_EQ(out_, "10.1.0.0 - 10.1.255.255\n\tlab\n");
+    EXPECT_EQ(run("range convert " + d + "blocked_ips"), 0);
+    EXPECT_EQ(run("range del " + d + "blocked_ips 10.1.0.0 10.1.255.255"), 0) << err_;
+    EXPECT_EQ(run("range show " + d + "blocked_ips"), 0);
+    EXPECT_EQ(out_, "");
+    EXPECT_EQ(run("range show " + d + "exempt_ips"), 66);
+    EXPECT_EQ(run("range add " + d + "blocked_ips 10.1.0.0"), 64);
+}
+
+TEST_F(AdminTool, CountersReadWhatTheEngineCounted) {
+    EXPECT_EQ(run("counters " + dir_), 66);
+    for (const uint8_t type : {ARDVEX_LOG_HAM, ARDVEX_LOG_HAM, ARDVEX_LOG_SPAM, ARDVEX_LOG_EXEMPT,
+                               ARDVEX_LOG_RATELIMIT2}) {
+        ardvex_increment_counter(dir_.c_str(), type, type == ARDVEX_LOG_RATELIMIT2);
+        ardvex_increment_counter_hourly(dir_.c_str(), type, type == ARDVEX_LOG_RATELIMIT2);
+    }
+    ASSERT_EQ(run("counters " + dir_), 0) << err_;
+    // Day and hour rows alike: ham 2, spam 1, exempt 1, rate-in 0, rate-out 1, 4 + 1 auth.
+    const std::string counts = "       2        1        1        0        1        4        1\n";
+    const size_t day = out_.find("\nHOUR");
+    ASSERT_NE(day, std::string::npos) << out_;
+    EXPECT_NE(out_.substr(0, day).find(counts), std::string::npos) << out_;
+    EXPECT_NE(out_.substr(day).find(counts), std::string::npos) << out_;
+
+    std::ofstream(dir_ + "/.counterv2.dat.hourly", std::ios::trunc) << "short";
+    EXPECT_EQ(run("counters " + dir_), 0);
+    EXPECT_NE(err_.find(".counterv2.dat.hourly is not a counter file; skipped"), std::string::npos);
+    EXPECT_EQ(out_.find("HOUR"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,362 @@
+// The policy service's shared code without the service: settings files, request framing and
+// parsing, the rule walk over rules of the test's own, list directory choice and rate limits.
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "log_capture.hpp"
+#include "policy_config.hpp"
+#include "policy_judge.hpp"
+#include "policy_request.hpp"
+#include "rate_limiter.hpp"
+
+namespace {
+
+using namespace ow::policy;
+
+// What the fake checks answer, by rule name; reset for every test.
+struct fake_answers {
+    bool ip_whitelist = false;
+    bool require_helo = false;
+    bool valid_helo_domain = false;
+    bool block_mail_from_self = false;
+};
+fake_answers g_fake;
+int g_calls = 0;
+
+bool fake_ip_whitelist(spam_session*) { return ++g_calls, g_fake.ip_whitelist; }
+bool fake_require_helo(spam_session*) { return ++g_calls, g_fake.require_helo; }
+bool fake_valid_helo_domain(spam_session*) { return ++g_calls, g_fake.valid_helo_domain; }
+bool fake_mail_from_self(spam_session*) { return ++g_calls, g_fake.block_mail_from_self; }
+// Like the engine's HELO lookup when DNS fails: no match, cache left at 0.
+bool fake_resolve_helo_fails(spam_session*) { return ++g_calls, false; }
+
+class PolicyTest : public ow_test::LogCaptureTest {
+   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        g_fake = {};
+        g_calls = 0;
+        // Flags: user_configurable, enabled_by_default, applies_to_authenticated, applies_to_ipv6.
+        add("inbound", nullptr, true, true, false, false, "Server %IP% has sent too much mail.");
+        add("ip_whitelist", fake_ip_whitelist, true, true, true, true, "whitelisted");
+        add("block_lists", nullptr, false, true, false, false, "Server IP %IP% listed.");
+        add("require_helo", fake_require_helo, true, true, true, true, "Missing HELO.");
+        add("valid_helo_domain", fake_valid_helo_domain, false, false, false, true,
+            "HELO argument [%HELO%] is malformed.");
+        add("block_mail_from_self", fake_mail_from_self, true, true, false, false,
+            "Recipient %RCPT% does not allow messages from themselves.");
+        add("resolve_helo_domain", fake_resolve_helo_fails, false, false, false, true,
+            "HELO argument [%HELO%] is missing a DNS entry.");
+    }
+    void TearDown() override {
+        ow_destroy_list(&rules_, free_rule);
+        LogCaptureTest::TearDown();
+    }
+    void add(const char* name, spam_rule_check_fn check, bool a, bool b, bool c, bool d,
+             const char* notice) {
+        ow_append_list_entry(&rules_, new_rule(name, check, a, b, c, d, notice), sizeof(spam_rule),
+                             false);
+    }
+    config settings(const std::string& text) {
+        config cfg;
+        std::string error;
+        EXPECT_TRUE(parse_config(text, rules_, cfg, error)) << error;
+        return cfg;
+    }
+    verdict run(const config& cfg, const std::string& attrs, rate_verdicts rates = {}) {
+        text_ = "request=smtpd_access_policy\n" + attrs;
+        std::string why;
+        EXPECT_TRUE(parse_request(text_, req_, why)) << why;
+        return judge(cfg, rules_, req_, rates, false);
+    }
+    ow_list* rules_ = nullptr;
+    std::string text_;
+    request req_;
+};
+
+TEST_F(PolicyTest, SettingsFileAcceptsKnownKeysAndRefusesTheRestWithItsLine) {
+    const config cfg = settings(
+        "# comment\n\n  workers = 3  \nrequire_helo = warn\nip_whitelist = off\n"
+        "block_lists_zones = bl.example.test, rbl.example.test\ninbound_limit = 5\n"
+        "inbound_window=60\ndns_failure = defer\nlisten = unix:/tmp/x.sock "
+        "inet:127.0.0.1:10031\r\n");
+    EXPECT_EQ(cfg.workers, 3u);
+    EXPECT_EQ(cfg.actions.at("require_helo"), action::warn);
+    EXPECT_EQ(cfg.actions.at("ip_whitelist"), action::off);
+    EXPECT_EQ(cfg.block_list_zones,
+              (std::vector<std::string>{"bl.example.test", "rbl.example.test"}));
+    EXPECT_EQ(cfg.inbound.limit, 5u);
+    EXPECT_EQ(cfg.inbound.window, 60u);
+    EXPECT_TRUE(cfg.defer_on_dns_failure);
+    EXPECT_EQ(cfg.listen.size(), 2u);
+
+    const struct {
+        const char* text;
+        const char* error;
+    } refused[] = {
+        {"workers = 3\nno equals sign\n", "line 2: expected key = value"},
+        {"require_helo = on\n", "line 1: require_helo: expects reject, defer, warn or off"},
+        {"ip_whitelist = reject\n", "line 1: ip_whitelist: a whitelist rule is on or off"},
+        {"no_such_rule = reject\n", "line 1: no_such_rule: unknown setting"},
+        {"workers = 0\n", "line 1: workers: expects a number from 1 to 512"},
+        {"workers = 4x\n", "line 1: workers: expects a number from 1 to 512"},
+        {"max_request_size = 1048576\n",
+         "line 1: max_request_size: expects a number from 512 to 65536"},
+        {"block_lists_zones = bad..zone\n",
+         "line 1: block_lists_zones: expects DNS zone names separated by blanks or commas"},
+        {"listen = tcp:1.2.3.4:5\n",
+         "line 1: listen: expects unix:/PATH or inet:HOST:PORT, not tcp:1.2.3.4:5"},
+        {"list_dir = relative/dir\n", "line 1: list_dir: expects an absolute directory"},
+        {"dns_failure = reject\n", "line 1: dns_failure: expects dunno or defer"},
+    };
+    for (const auto& r : refused) {
+        SCOPED_TRACE(r.text);
+        config cfg2;
+        cfg2.workers = 99;
+        std::string error;
+        EXPECT_FALSE(parse_config(r.text, rules_, cfg2, error));
+        EXPECT_EQ(error, r.error);
+        EXPECT_EQ(cfg2.workers, 99u) << "a refused file must leave the settings alone";
+    }
+}
+
+TEST_F(PolicyTest, DefaultActionsFollowTheRuleFlags) {
+    const config cfg;
+    const struct {
+        const char* rule;
+        action expected;
+    } rows[] = {
+        {"inbound", action::defer},            // a limit delays
+        {"ip_whitelist", action::on},          // on by default
+        {"require_helo", action::reject},      // on by default
+        {"valid_helo_domain", action::off},    // off by default
+        {"resolve_helo_domain", action::off},  // off by default
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.rule);
+        const ow_list* e = rules_;
+        while (e != nullptr && std::string(static_cast<spam_rule*>(e->data)->name) != r.rule) {
+            e = e->next;
+        }
+        ASSERT_NE(e, nullptr);
+        EXPECT_EQ(action_for(cfg, *static_cast<spam_rule*>(e->data)), r.expected);
+    }
+}
+
+TEST_F(PolicyTest, RequestFramingAndParsing) {
+    const struct {
+        std::string buf;
+        size_t end, body;
+    } frames[] = {
+        {"a=1\nb=2\n", 0, 0},                // no empty line yet
+        {"a=1\nb=2\n\nc=3\n\n", 9, 8},       // the first of two requests
+        {"a=1\r\n\r\n", 7, 5},               // CR LF line ends
+        {"\n", 1, 0},                        // an empty request
+        {"a=1\n\r", 0, 0},                   // a CR alone does not end it
+        {std::string("a=\0\n\n", 5), 5, 4},  // NUL is content, judged by the parser
+    };
+    for (const auto& f : frames) {
+        SCOPED_TRACE(f.buf);
+        size_t body = 0;
+        EXPECT_EQ(find_request_end(f.buf, body), f.end);
+        if (f.end != 0) {
+            EXPECT_EQ(body, f.body);
+        }
+    }
+
+    request req;
+    std::string why;
+    ASSERT_TRUE(parse_request("sender=\nhelo_name=a b\r\nsender=x@y\nempty=\n", req, why));
+    EXPECT_EQ(req.get("sender"), "x@y");  // the last one wins
+    EXPECT_EQ(req.get("helo_name"), "a b");
+    EXPECT_EQ(req.get("missing"), "");
+
+    std::string many;
+    for (size_t i = 0; i <= kMaxAttributes; ++i) many += "a=1\n";
+    const struct {
+        std::string body;
+        const char* why;
+    } bad[] = {
+        {"no_equals\n", "attribute line without '='"},
+        {"=value\n", "empty or overlong attribute name"},
+        {"Upper=1\n", "attribute name with a byte other than a-z, 0-9, _"},
+        {std::string("helo_name=a\0b\n", 14), "control byte in the value of helo_name"},
+        {"sender=a\x1b[31m\n", "control byte in the value of sender"},
+        {many, "more than 128 attributes"},
+    };
+    for (const auto& b : bad) {
+        SCOPED_TRACE(b.why);
+        EXPECT_FALSE(parse_request(b.body, req, why));
+        EXPECT_EQ(why, b.why);
+    }
+    EXPECT_EQ(frame_answer("DUNNO"), "action=DUNNO\n\n");
+}
+
+TEST_F(PolicyTest, FirstDecidingRuleWinsAndItsAnswer) {
+    const std::string base =
+        "client_address=10.0.0.7\nhelo_name=mx.example.test\n"
+        "sender=a@example.test\nrecipient=b@example.test\n";
+    // Nothing matches: DUNNO, every enabled rule asked.
+    verdict v = run(config{}, base);
+    EXPECT_EQ(v.answer, "DUNNO");
+    EXPECT_EQ(v.taken, action::off);
+
+    // A blocking match rejects with the expanded notice; later rules are not reached.
+    g_fake.require_helo = true;
+    g_fake.block_mail_from_self = true;
+    v = run(config{}, base);
+    EXPECT_EQ(v.rule, "require_helo");
+    EXPECT_EQ(v.answer.rfind("550 5.7.1 Missing HELO.. Protection provided by ", 0), 0u)
+        << v.answer;
+    EXPECT_EQ(v.steps.back().what, rule_step::result::not_reached);
+
+    // Deferring instead; warn only lets a later rule decide.
+    v = run(settings("require_helo = defer\n"), base);
+    EXPECT_EQ(v.answer.rfind("450 4.7.1 Missing HELO.", 0), 0u) << v.answer;
+    v = run(settings("require_helo = warn\n"), base);
+    EXPECT_EQ(v.rule, "block_mail_from_self");
+    EXPECT_NE(v.answer.find("Recipient b@example.test does not allow"), std::string::npos);
+    v = run(settings("require_helo = warn\nblock_mail_from_self = off\n"), base);
+    EXPECT_EQ(v.taken, action::warn);
+    EXPECT_EQ(v.answer.rfind("WARN require_helo: Missing HELO.", 0), 0u) << v.answer;
+
+    // A client's long UTF-8 HELO: the reply line stays short and whole characters.
+    g_fake.require_helo = false;
+    g_fake.valid_helo_domain = true;
+    std::string helo;
+    for (int i = 0; i < 300; ++i) helo += "\xc3\xa9";  // é
+    v = run(settings("valid_helo_domain = reject\n"), "client_address=10.0.0.7\nhelo_name=" + helo);
+    EXPECT_EQ(v.rule, "valid_helo_domain");
+    EXPECT_LE(v.notice.size(), 420u);
+    EXPECT_EQ(v.notice.rfind("HELO argument [\xc3\xa9", 0), 0u);
+    EXPECT_EQ(static_cast<unsigned char>(v.notice.back()), 0xa9u) << "cut inside an é";
+    g_fake.require_helo = true;
+
+    // A whitelist match ends the walk without rejecting.
+    g_fake.ip_whitelist = true;
+    g_calls = 0;
+    v = run(config{}, base);
+    EXPECT_EQ(v.answer, "DUNNO");
+    EXPECT_EQ(v.taken, action::on);
+    EXPECT_EQ(v.rule, "ip_whitelist");
+    EXPECT_EQ(g_calls, 1);
+}
+
+TEST_F(PolicyTest, RulesSkippedByFlagsAndDnsThatCannotAnswer) {
+    g_fake.block_mail_from_self = true;  // judged only for unauthenticated IPv4 sessions
+    const std::string mail =
+        "helo_name=mx.example.test\nsender=a@example.test\n"
+        "recipient=a@example.test\n";
+    EXPECT_EQ(run(config{}, "client_address=10.0.0.7\n" + mail).rule, "block_mail_from_self");
+    verdict v = run(config{}, "client_address=10.0.0.7\nsasl_username=alice\n" + mail);
+    EXPECT_EQ(v.answer, "DUNNO");
+    EXPECT_EQ(v.steps[5].why, "not judged for authenticated sessions");
+    v = run(config{}, "client_address=2001:db8::7\n" + mail);
+    EXPECT_EQ(v.answer, "DUNNO");
+    EXPECT_EQ(v.steps[5].why, "not judged for IPv6 clients");
+
+    // The HELO lookup failed: never a rejection, a deferral only when asked for.
+    g_fake.block_mail_from_self = false;
+    const std::string helo = "client_address=10.0.0.7\nhelo_name=mx.example.test\n";
+    v = run(settings("resolve_helo_domain = reject\n"), helo);
+    EXPECT_EQ(v.answer, "DUNNO");
+    EXPECT_EQ(v.steps[6].what, rule_step::result::undecided);
+    v = run(settings("resolve_helo_domain = reject\ndns_failure = defer\n"), helo);
+    EXPECT_EQ(
+        v.answer,
+        "450 4.4.3 Temporary DNS failure while checking resolve_helo_domain; try again later");
+    EXPECT_TRUE(v.dns_deferred);
+
+    // Host rules: the rate limit only where someone counts; no zones, no block-list lookup.
+    const config limited = settings("inbound_limit = 1\n");
+    v = run(limited, helo);
+    EXPECT_EQ(v.steps[0].why, "rates are counted by the running service only");
+    EXPECT_EQ(v.steps[2].why, "no block-list zones configured");
+    v = run(limited, helo, rate_verdicts{true, true, false});
+    EXPECT_EQ(v.rule, "inbound");
+    EXPECT_EQ(v.answer.rfind("450 4.7.1 Server 10.0.0.7 has sent too much mail.", 0), 0u);
+}
+
+TEST_F(PolicyTest, SessionTakesTheRequestAttributes) {
+    text_ =
+        "client_address=2001:db8::5\nclient_port=4711\nreverse_client_name=Mail.Example.TEST\n"
+        "client_name=other.example.test\nhelo_name=h\nsender=\nrecipient=r@x\n"
+        "sasl_username=bob\nencryption_protocol=TLSv1.3\n";
+    std::string why;
+    ASSERT_TRUE(parse_request(text_, req_, why));
+    session_holder h(req_, config{});
+    const spam_session& s = *h.get();
+    EXPECT_STREQ(s.ip, "2001:db8::5");
+    EXPECT_STREQ(s.port, "4711");
+    EXPECT_TRUE(s.is_ipv6);
+    EXPECT_TRUE(s.routable);
+    EXPECT_EQ(s.ptr_state, SPAM_PTR_FOUND);
+    EXPECT_STREQ(s.ptr_names[0], "mail.example.test");
+    EXPECT_STREQ(s.ptr_names[1], "other.example.test");
+    EXPECT_EQ(s.ptr_names[2], nullptr);
+    EXPECT_STREQ(s.mail_from, "");  // a bounce, and still malloc'd for the rules to trim
+    EXPECT_STREQ(s.auth_user, "bob");
+    EXPECT_TRUE(s.authenticated);
+    EXPECT_TRUE(s.tls);
+    EXPECT_STREQ(s.country, "**");
+
+    // "unknown" names leave the PTR lookup to the rules.
+    text_ = "client_address=10.1.1.1\nreverse_client_name=unknown\nclient_name=unknown\n";
+    ASSERT_TRUE(parse_request(text_, req_, why));
+    session_holder u(req_, config{});
+    EXPECT_EQ(u.get()->ptr_names, nullptr);
+    EXPECT_EQ(u.get()->ptr_state, SPAM_VERDICT_UNCHECKED);
+    EXPECT_FALSE(u.get()->routable);
+    EXPECT_FALSE(u.get()->authenticated);
+}
+
+TEST_F(PolicyTest, ListDirectoryPerRecipientNeverLeavesTheRoot) {
+    char tmpl[] = "/tmp/policyd_lists.XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    const std::string root = tmpl;
+    ::mkdir((root + "/alice@example.test").c_str(), 0755);
+    ::mkdir((root + "/example.test").c_str(), 0755);
+    const struct {
+        const char* rcpt;
+        std::string expected;
+    } rows[] = {
+        {"Alice@Example.TEST", root + "/alice@example.test"},
+        {"bob@example.test", root + "/example.test"},
+        {"bob@other.test", root},
+        {"", root},
+        {"../../etc/passwd", root},
+        {"x/../../alice@example.test", root},
+        {"bob@..", root},
+        {".hidden@example.test", root},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.rcpt);
+        EXPECT_EQ(choose_list_dir(root, r.rcpt), r.expected);
+    }
+    std::system(("rm -rf '" + root + "'").c_str());
+}
+
+TEST_F(PolicyTest, SlidingWindowCountsMessagesNotRecipients) {
+    rate_limiter rl(2);
+    const rate_limit lim{2, 10};
+    EXPECT_FALSE(rl.over("10.0.0.1", "m1", 100, lim));
+    EXPECT_FALSE(rl.over("10.0.0.1", "m1", 101, lim));  // second recipient of m1
+    EXPECT_FALSE(rl.over("10.0.0.1", "m2", 102, lim));
+    EXPECT_TRUE(rl.over("10.0.0.1", "m3", 103, lim));
+    EXPECT_TRUE(rl.over("10.0.0.1", "m4", 109, lim));   // refused ones are not counted...
+    EXPECT_FALSE(rl.over("10.0.0.1", "m5", 110, lim));  // ...so m1's slot frees at 110
+    EXPECT_TRUE(rl.over("10.0.0.1", "", 111, lim));
+    EXPECT_FALSE(rl.over("10.0.0.2", "x", 111, rate_limit{0, 10}));  // no limit
+    // Beyond the key cap new keys pass uncounted; expiry makes room again.
+    EXPECT_FALSE(rl.over("10.0.0.3", "a", 111, lim));
+    EXPECT_FALSE(rl.over("10.0.0.4", "a", 111, lim));
+    EXPECT_FALSE(rl.over("10.0.0.4", "b", 111, lim));
+    EXPECT_FALSE(rl.over("10.0.0.4", "c", 111, lim));
+    EXPECT_EQ(rl.keys(), 2u);
+    rl.expire(200, 10);
+    EXPECT_EQ(rl.keys(), 0u);
+}
+
+}  // namespace
