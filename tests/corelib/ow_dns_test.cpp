@@ -1,8 +1,5 @@
-// Tests of the DNS module that need no name server: the address conversions and reverse
-// names, the refusals of every entry point, and the walks over received bytes (hosts-file
-// lines, answers) where a name server cannot reach them: the response codes glibc keeps
-// back, allocation failures, and the hosts-file lines without root. The lookups and the
-// walks over real answers are tested against real servers in ow_dns_dnsenv_test.cpp.
+// The DNS module without a name server: conversions, refusals, and the walks over received
+// bytes that a real server cannot produce (ow_dns_dnsenv_test.cpp has the real lookups).
 #include "ow_dns.h"
 
 #include <arpa/inet.h>
@@ -15,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.hpp"
@@ -64,8 +62,6 @@ const std::string reverse = "4.3.2.1.in-addr.arpa.";
 
 class DnsTest : public ow_test::LogCaptureTest {};
 
-// --- conversions ------------------------------------------------------------------------
-
 TEST_F(DnsTest, InetAddrAcceptsEveryInetAtonFormButAllOnes) {
     const struct {
         const char* text;
@@ -108,9 +104,6 @@ TEST_F(DnsTest, CompressIpv6GivesTheCanonicalTextEvenInPlace) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        char out[OW_DNS_ADDRSTRLEN] = {};
-        ASSERT_EQ(ow_compress_ipv6(c.text, out), 1);
-        EXPECT_STREQ(out, c.canonical);
         char same[OW_DNS_ADDRSTRLEN];
         std::snprintf(same, sizeof same, "%s", c.text);
         ASSERT_EQ(ow_compress_ipv6(same, same), 1);
@@ -151,7 +144,6 @@ TEST_F(DnsTest, ArpaBuildsReverseNamesAndReplacesTheOldText) {
     } cases[] = {
         {"192.0.2.10", "10.2.0.192.in-addr.arpa."},
         {"255.255.255.255", "255.255.255.255.in-addr.arpa."},
-        {"0.0.0.0", "0.0.0.0.in-addr.arpa."},
         {"2001:db8::1",
          "1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2.ip6.arpa."},
         {"FFFF::ABCD", "d.c.b.a.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.f.f.f.f.ip6.arpa."},
@@ -177,8 +169,6 @@ TEST_F(DnsTest, ArpaBuildsReverseNamesAndReplacesTheOldText) {
     EXPECT_EQ(name, kept);
     std::free(name);
 }
-
-// --- refusals of the lookups --------------------------------------------------------------
 
 TEST_F(DnsTest, LookupsRefuseMissingArgumentsBeforeAsking) {
     const std::string einval = std::strerror(EINVAL);
@@ -208,8 +198,6 @@ TEST_F(DnsTest, HasAOrMxRefusesInvalidDomainsWithoutAQuery) {
     EXPECT_EQ(ow_has_a_or_mx("mail.example.test", 0), 2);
     EXPECT_ERROR_LINE("ow_has_a_or_mx", "out of memory error resolving A/MX for mail.example.test");
 }
-
-// --- the answer walks ---------------------------------------------------------------------
 
 // Every response code but NOERROR decides before any record is read, the same for both.
 TEST_F(DnsTest, ResponseCodesDecideBothWalks) {
@@ -288,14 +276,7 @@ TEST_F(DnsTest, PtrWalkReplacesTheCallersArrayOnlyOnSuccess) {
     EXPECT_EQ(take_names(names), strings{"one.example.test"});
 }
 
-// --- the hosts-file scan ------------------------------------------------------------------
-
-struct scan_result {
-    int32_t count;
-    strings names;
-};
-
-scan_result scan(const std::string& text, const char* query, int family) {
+std::pair<int32_t, strings> scan(const std::string& text, const char* query, int family) {
     std::string buffer = text;
     std::FILE* file = fmemopen(buffer.data(), buffer.size(), "r");
     EXPECT_NE(file, nullptr);
@@ -341,9 +322,8 @@ TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.query);
         clear_log();
-        const scan_result r = scan(hosts, c.query, c.family);
-        EXPECT_EQ(r.count, static_cast<int32_t>(c.names.size()));
-        EXPECT_EQ(r.names, c.names);
+        EXPECT_EQ(scan(hosts, c.query, c.family),
+                  std::make_pair(static_cast<int32_t>(c.names.size()), c.names));
         EXPECT_ERROR_LINE("ow_gethostent", "Address[] in /etc/hosts is not an IP");
         EXPECT_ERROR_LINE("ow_gethostent", "Address[notanip] in /etc/hosts is not an IP");
     }
@@ -353,7 +333,7 @@ TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
         SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
-        EXPECT_EQ(scan("::1 a b\n", "::1", AF_INET6).count, -1);
+        EXPECT_EQ(scan("::1 a b\n", "::1", AF_INET6).first, -1);
         EXPECT_ERROR_LINE("ow_gethostent", std::strerror(ENOMEM));
     }
 }

@@ -1,6 +1,3 @@
-// Tests of the map: hashing, geometry, ownership, growth, rename, iteration (ordered and
-// static), positional lookup, refusals with their exact lines, out-of-memory paths, and the
-// map and control files.
 #include "ow_hashmap.h"
 
 #include <sys/stat.h>

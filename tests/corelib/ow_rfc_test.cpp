@@ -1,6 +1,3 @@
-// Tests of address and domain validation: the checks as tables with the reason each refusal
-// logs, a table of tricky addresses that mail software meets judged by every operation,
-// header splitting and extraction, IP classification, and the failure paths.
 #include "ow_rfc.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +69,7 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
 // Addresses that mail software meets in practice, judged by every operation at once: as a
 // bare address, as an address field, and as a mailbox whose address is extracted.
 TEST_F(RfcTest, TrickyAddresses) {
-    const std::string local64 = long_label(64), local65 = long_label(65);
+    const std::string local65 = long_label(65);
     const struct {
         std::string tricky;
         int bare;                            // ow_valid_email_address
@@ -80,7 +77,6 @@ TEST_F(RfcTest, TrickyAddresses) {
         bool bracketed;                      // its out-flag
         std::optional<std::string> mailbox;  // ow_extract_address_from_mailbox
     } cases[] = {
-        // quoted local parts
         {"\"john doe\"@example.com", 0, 0, false, "\"john doe\"@example.com"},
         {"<\"john doe\"@example.com>", 0, 0, false, "\"john doe\"@example.com"},
         {"\"Doe, John\" <John@Example.com>", 0, 1, true, "john@example.com"},
@@ -88,16 +84,13 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
         {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
         {"\"unterminated <x@y.z>", 0, 0, false, std::nullopt},
-        // IP literals and addresses as domains
         {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
         {"<user@[IPv6:2001:db8::1]>", 0, 0, false, "user@[ipv6:2001:db8::1]"},
         {"user@192.0.2.1", 0, 0, false, "user@192.0.2.1"},
-        // trailing dots and empty labels
         {"user@example.com.", 0, 0, false, "user@example.com."},
         {"user.@example.com", 0, 0, false, "user.@example.com"},
         {"user@example..com", 0, 0, false, "user@example..com"},
         // length limits: no limit on the local part
-        {local64 + "@example.com", 1, 1, false, local64 + "@example.com"},
         {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
         // UTF-8 bytes are neither printable nor letters
         {"j\xc3\xb6rg@example.com", 0, 0, false, std::nullopt},

@@ -1,7 +1,4 @@
-// Tests of the IP range files: octet comparison with its /8, /16, /24 scopes, the refused
-// addresses, exact file images after adding and deleting, damaged files of every kind, and
-// the older format and its conversion. Many processes sharing one file are tested with the
-// list files.
+// Many processes sharing one range file are tested with the list files.
 #include "ardvex-iprange.h"
 
 #include <arpa/inet.h>
@@ -102,29 +99,19 @@ TEST_F(RangeFileTest, OctetComparisonAndScopes) {
         const char* b;
         int level;
         bool ge;
-        const char* debug;  // the scope line, or nullptr
     } cases[] = {
-        {"10.1.3.0", "10.1.2.255", 2, true, nullptr},  // the third octet decides first
-        {"11.0.0.0", "10.255.255.255", 0, true, nullptr},
-        {"11.0.0.0", "10.255.255.255", 1, false, "not even part of the same /8 comparing 11, 10"},
-        {"10.2.0.0", "10.1.0.0", 2, false, "not even part of the same /16"},
-        {"10.1.3.1", "10.1.2.9", 3, false, "not even part of the same /24"},
-        {"10.1.2.9", "10.1.2.1", 5, true, nullptr},
+        {"10.1.3.0", "10.1.2.255", 2, true},  // the third octet decides first
+        {"11.0.0.0", "10.255.255.255", 0, true}, {"11.0.0.0", "10.255.255.255", 1, false},
+        {"10.2.0.0", "10.1.0.0", 2, false},      {"10.1.3.1", "10.1.2.9", 3, false},
+        {"10.1.2.9", "10.1.2.1", 5, true},       {"10.1.2.9", "10.1.2.9", 3, true},
+        {"10.1.2.9", "10.1.2.9", 0, true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.a) + " >= " + c.b + " @" + std::to_string(c.level));
-        clear_log();
-        EXPECT_EQ(ax_ip_ge(ip(c.a), ip(c.b), c.level), c.ge);
-        if (c.debug != nullptr) {
-            EXPECT_TRUE(ow_test::has_debug("ax_ip_ge", c.debug)) << ow_test::dump();
-        }
+        EXPECT_EQ(ax_ip_ge(ip(c.a), ip(c.b), c.level), c.ge) << c.a << " " << c.b << " " << c.level;
     }
 
     const ipr_range net{ip("10.1.0.0"), ip("10.1.255.255")};
-    EXPECT_FALSE(ax_ip_in_range(0, &net));
-    EXPECT_TRUE(ow_test::has_debug("ax_ip_in_range", "refusing to test 0.0.0.0 ip"));
-    EXPECT_FALSE(ax_ip_in_range(UINT32_MAX, &net));
-    EXPECT_TRUE(ow_test::has_debug("ax_ip_in_range", "refusing to test 255.255.255.255 ip"));
+    EXPECT_FALSE(ax_ip_in_range(0, &net) || ax_ip_in_range(UINT32_MAX, &net));
     EXPECT_TRUE(ip_in_builtin_range("192.0.2.200"));
     EXPECT_FALSE(ip_in_builtin_range("192.0.3.1"));
     EXPECT_FALSE(ip_in_builtin_range(""));
@@ -202,10 +189,6 @@ TEST_F(RangeFileTest, AddDeleteImages) {
     EXPECT_TRUE(del("10.3.0.5", "10.3.0.8"));
     ASSERT_EQ(::stat(path().c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
-    EXPECT_TRUE(ow_test::has_debug("ipr_del_range_from_file",
-                                   "file " + path() +
-                                       " does not contain range 10.3.0.5-10.3.0.8 - nothing to "
-                                       "remove"));
 
     // Leftovers of a writer that died are replaced, and the swap leaves none of its own.
     put("junk that is longer than the new file will be" + std::string(2000, 'j'), "r.range.new");
@@ -239,39 +222,30 @@ TEST_F(RangeFileTest, DamagedFiles) {
     const struct {
         const char* what;
         std::string bytes;
-        bool error;        // an ERROR line, else a DEBUG line
-        std::string line;  // {} stands for the file's path
-        bool found;        // 10.1.0.7 is found
+        std::string error;  // after "file <path>"; empty: none
+        bool found;         // 10.1.0.7 is found
     } cases[] = {
-        {"empty", "", false, "zero byte file on non initializing operation", false},
-        {"short", good.substr(0, 10), false, "file {} is corrupt", false},
-        {"signature", bad_signature, false, "invalid signature", false},
-        {"version 3", version3, false, "unsupported version", false},
-        {"count beyond size", image(2, {{"10.2.0.0", "10.2.0.9", ""}}, 2), true,
-         "file {} is corrupt", false},
+        {"empty", "", "", false},
+        {"short", good.substr(0, 10), "", false},
+        {"signature", bad_signature, "", false},
+        {"version 3", version3, "", false},
+        {"count beyond size", image(2, {{"10.2.0.0", "10.2.0.9", ""}}, 2), " is corrupt", false},
         {"low above high", image(2, {{"10.1.0.9", "10.1.0.1", ""}, {"10.1.0.0", "10.1.0.9", ""}}),
-         true, "file {} has an invalid range - treating as corrupt", false},
-        {"crossing a /16", image(1, {{"10.1.0.0", "10.2.0.0", ""}}), true,
-         "file {} has an invalid range - treating as corrupt", false},
-        {"comment without NUL", no_nul, false, "", true},
-        {"trailing bytes", good + "xyz", false, "", true},
+         " has an invalid range - treating as corrupt", false},
+        {"crossing a /16", image(1, {{"10.1.0.0", "10.2.0.0", ""}}),
+         " has an invalid range - treating as corrupt", false},
+        {"comment without NUL", no_nul, "", true},
+        {"trailing bytes", good + "xyz", "", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         put(c.bytes);
         clear_log();
         EXPECT_EQ(lookup("10.1.0.7"), c.found);
-        std::string line = c.line;
-        if (const auto at = line.find("{}"); at != std::string::npos) line.replace(at, 2, path());
-        if (c.error) {
-            EXPECT_ERROR_LINE("file_contains_ip_range_match", line);
-        } else {
+        if (c.error.empty()) {
             EXPECT_NO_ERRORS();
-            if (!line.empty()) {
-                EXPECT_TRUE(ow_test::has_debug("__open_range_file", line) ||
-                            ow_test::has_debug("ipr_valid_file_header", line))
-                    << ow_test::dump();
-            }
+        } else {
+            EXPECT_ERROR_LINE("file_contains_ip_range_match", "file " + path() + c.error);
         }
     }
     // Listing stops at the 255th character of an unterminated comment.

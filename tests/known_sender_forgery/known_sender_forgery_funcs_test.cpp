@@ -1,6 +1,3 @@
-// Tests of the known-sender-forgery list: what the loader keeps and drops from real files,
-// the restriction check's answers (it fails open), and the rule at its real control-file path
-// inside a private mount namespace.
 #include "known_sender_forgery_funcs.h"
 
 #include <arpa/inet.h>
@@ -92,8 +89,6 @@ TEST_F(KsfTest, LoaderKeepsUsableLinesAndElementsInFileOrder) {
               "last.example=198.51.100.0/25");
     EXPECT_EQ(list->ignored_lines, 9u);
     EXPECT_NO_ERRORS();  // only the verbose switch makes errors of dropped input
-    EXPECT_TRUE(has_debug("ksf_load_list",
-                          "cidr is not valid given the prefix. addr: 16777216 prefix: 24"));
     ksf_destroy_list(list);
 }
 
@@ -171,8 +166,6 @@ TEST_F(KsfTest, RestrictionAllowsOnlyTheFirstLinesNetworksAndFailsOpen) {
 
     write_file(path_, "# nothing usable\nexample.org: 192.0.2.1/24\n");
     EXPECT_TRUE(ksf_check_domain_to_ip_restriction("1.2.3.4", "example.org", p));
-    EXPECT_TRUE(has_debug("ksf_check_domain_to_ip_restriction",
-                          "could not get domains/ips, or none in file"));
 }
 
 // ---------------------------------------------------------------------------------------
