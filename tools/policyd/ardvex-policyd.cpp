@@ -816,9 +816,9 @@ std::vector<int> inherited_listeners() {
     return fds;
 }
 
-int bind_listener(const std::string& spec) {
-    if (spec.starts_with("unix:")) {
-        const std::string path = spec.substr(5);
+int bind_listener(const std::string& address) {
+    if (address.starts_with("unix:")) {
+        const std::string path = address.substr(5);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         if (path.size() >= sizeof addr.sun_path) return -1;
@@ -829,14 +829,14 @@ int bind_listener(const std::string& spec) {
         ::unlink(path.c_str());  // a socket left by an earlier run
         if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 ||
             ::chmod(path.c_str(), 0666) < 0 || ::listen(fd, SOMAXCONN) < 0) {
-            say(LOG_ERR, "cannot listen on %s: %s", spec.c_str(), std::strerror(errno));
+            say(LOG_ERR, "cannot listen on %s: %s", address.c_str(), std::strerror(errno));
             if (fd >= 0) ::close(fd);
             return -1;
         }
         return fd;
     }
     // inet:HOST:PORT
-    const std::string rest = spec.substr(5);
+    const std::string rest = address.substr(5);
     const size_t colon = rest.rfind(':');
     std::string host = rest.substr(0, colon);
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
@@ -848,7 +848,7 @@ int bind_listener(const std::string& spec) {
     hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
     addrinfo* ai = nullptr;
     if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &ai) != 0 || ai == nullptr) {
-        say(LOG_ERR, "cannot listen on %s: not a numeric address and port", spec.c_str());
+        say(LOG_ERR, "cannot listen on %s: not a numeric address and port", address.c_str());
         return -1;
     }
     const int fd = ::socket(ai->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -858,7 +858,7 @@ int bind_listener(const std::string& spec) {
         fd >= 0 && ::bind(fd, ai->ai_addr, ai->ai_addrlen) == 0 && ::listen(fd, SOMAXCONN) == 0;
     ::freeaddrinfo(ai);
     if (!ok) {
-        say(LOG_ERR, "cannot listen on %s: %s", spec.c_str(), std::strerror(errno));
+        say(LOG_ERR, "cannot listen on %s: %s", address.c_str(), std::strerror(errno));
         if (fd >= 0) ::close(fd);
         return -1;
     }
@@ -954,10 +954,10 @@ int main(int argc, char** argv) {
         raise_descriptor_limit(cfg.max_connections + 2 * cfg.workers);
         std::vector<int> listeners = inherited_listeners();
         if (listeners.empty()) {
-            const std::vector<std::string> specs =
+            const std::vector<std::string> addresses =
                 cfg.listen.empty() ? std::vector<std::string>{kDefaultListen} : cfg.listen;
-            for (const auto& spec : specs) {
-                const int fd = bind_listener(spec);
+            for (const auto& address : addresses) {
+                const int fd = bind_listener(address);
                 if (fd < 0) return 71;
                 listeners.push_back(fd);
             }
