@@ -9,42 +9,19 @@
 
 #include "ardvex-log.h"
 #include "log_capture.hpp"
+#include "tool_run.hpp"
 
 namespace {
 
-class AdminTool : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-#ifndef ARDVEX_ADMIN
-        GTEST_SKIP() << "the tool's build fragment did not pass its path";
-#endif
-        char dir[] = "/tmp/ardvex_admin_test.XXXXXX";
-        ASSERT_NE(::mkdtemp(dir), nullptr);
-        dir_ = dir;
-    }
-    void TearDown() override {
-        if (!dir_.empty()) std::system(("rm -rf '" + dir_ + "'").c_str());
-        LogCaptureTest::TearDown();
-    }
-    // Exit status; out_ gets standard output, err_ standard error.
-    int run(const std::string& args) {
 #ifdef ARDVEX_ADMIN
-        const std::string cmd =
-            "env -u VERBOSEDEBUG " + std::string(ARDVEX_ADMIN) + " " + args + " 2>" + dir_ + "/err";
-        FILE* p = popen(cmd.c_str(), "r");
-        out_.clear();
-        for (int c; (c = std::fgetc(p)) != EOF;) out_ += static_cast<char>(c);
-        const int status = pclose(p);
-        std::ifstream e(dir_ + "/err");
-        err_.assign(std::istreambuf_iterator<char>(e), {});
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+constexpr const char* kTool = ARDVEX_ADMIN;
 #else
-        (void)args;
-        return -1;
+constexpr const char* kTool = nullptr;
 #endif
-    }
-    std::string dir_, out_, err_;
+
+class AdminTool : public ow_test::ToolTest {
+   protected:
+    AdminTool() : ToolTest(kTool) {}
 };
 
 TEST_F(AdminTool, JudgeShowsEveryRuleAndAnswersByExitStatus) {
