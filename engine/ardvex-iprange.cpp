@@ -486,6 +486,20 @@ void ipr_list_file(const char* dir, const char* name) {
 // ---------------------------------------------------------------------------------------
 // Writing.
 
+// Opens dir/name under its write lock for an edit; only the current format is edited.
+static bool open_for_edit(const char* dir, const char* name, bool create, range_file& file,
+                          const char** message) {
+    if (!__open_range_file(dir, name, true, create, file)) {
+        set_message(message, kOpenFailed);
+        return false;
+    }
+    if (file.header.version != IPR_VERSION_CURRENT) {
+        set_message(message, kLegacy);
+        return false;
+    }
+    return true;
+}
+
 bool ipr_add_range_to_file(const char* dir, const char* name, const char* low, const char* high,
                            const char* comment, const char** message) {
     if (!__sane_ip(low) || !__sane_ip(high) ||
@@ -494,14 +508,7 @@ bool ipr_add_range_to_file(const char* dir, const char* name, const char* low, c
         return false;
     }
     range_file old;
-    if (!__open_range_file(dir, name, true, true, old)) {
-        set_message(message, kOpenFailed);
-        return false;
-    }
-    if (old.header.version != IPR_VERSION_CURRENT) {
-        set_message(message, kLegacy);
-        return false;
-    }
+    if (!open_for_edit(dir, name, true, old, message)) return false;
     ipr_record added{};
     added.range = ipr_range{to_number(low), to_number(high)};
     if (!ax_valid_ip_range(&added.range)) {
@@ -559,14 +566,7 @@ bool ipr_del_range_from_file(const char* dir, const char* name, const char* low,
         return false;
     }
     range_file old;
-    if (!__open_range_file(dir, name, true, false, old)) {
-        set_message(message, kOpenFailed);
-        return false;
-    }
-    if (old.header.version != IPR_VERSION_CURRENT) {
-        set_message(message, kLegacy);
-        return false;
-    }
+    if (!open_for_edit(dir, name, false, old, message)) return false;
     const ipr_range gone{to_number(low), to_number(high)};
     const int64_t found = find_range(old, gone);
     if (found == -2) {
