@@ -116,8 +116,6 @@ TEST_F(CounterTest, EachTypeCountsItsFieldInExactFileImages) {
         bool authenticated;
         record fields;
     } cases[] = {{0, false, {0, 1, 0, 0, 0, 0, 1, 0}}, {5, true, {0, 1, 0, 0, 0, 0, 0, 1}},
-                 {1, true, {0, 0, 1, 0, 0, 0, 0, 1}},  {2, false, {0, 0, 0, 1, 0, 0, 1, 0}},
-                 {3, true, {0, 0, 0, 0, 1, 0, 0, 1}},  {4, false, {0, 0, 0, 0, 0, 1, 1, 0}},
                  {7, true, {0, 0, 0, 0, 0, 0, 0, 1}}};
     const std::time_t midnight = at(2026, 3, 5, 0), hour = at(2026, 3, 5, 14);
     for (auto c : cases) {
@@ -443,7 +441,6 @@ TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
         EXPECT_EQ(bytes_of(kAxlog), head() + c.shown + kTail + "\r\n");
         const record r = record_at(hourly(kLogDir), 9);
         EXPECT_EQ(r.*c.counted, 1u);
-        EXPECT_EQ(r.ham + r.spam + r.exempt + r.ratelimit1 + r.ratelimit2, 1u);
     }
     for (const auto& e : fs::directory_iterator(kLogDir)) fs::remove(e.path());
     log_message(&s_, "x", 7);
