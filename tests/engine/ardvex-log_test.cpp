@@ -115,7 +115,8 @@ TEST_F(CounterTest, EachTypeCountsItsFieldInExactFileImages) {
         uint8_t type;
         bool authenticated;
         record fields;
-    } cases[] = {{0, false, {0, 1, 0, 0, 0, 0, 1, 0}}, {5, true, {0, 1, 0, 0, 0, 0, 0, 1}},
+    } cases[] = {{0, false, {0, 1, 0, 0, 0, 0, 1, 0}},
+                 {5, true, {0, 1, 0, 0, 0, 0, 0, 1}},
                  {7, true, {0, 0, 0, 0, 0, 0, 0, 1}}};
     const std::time_t midnight = at(2026, 3, 5, 0), hour = at(2026, 3, 5, 14);
     for (auto c : cases) {
