@@ -16,20 +16,11 @@
 
 #include "ow_hashmap.h"
 #include "ow_log.h"
+#include "stderr_sink.hpp"
 
 namespace {
 
 constexpr int kUsage = 2;
-
-// The loader's lines go to standard error, as the bare message.
-void to_stderr(int priority, const char* format, ...) {
-    (void)priority;
-    va_list args;
-    va_start(args, format);
-    std::vfprintf(stderr, format, args);
-    va_end(args);
-    std::fputc('\n', stderr);
-}
 
 std::string shown(const unsigned char* bytes, size_t length, bool is_key) {
     if (!is_key && length > 0 && bytes[length - 1] == '\0') --length;

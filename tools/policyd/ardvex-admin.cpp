@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "../stderr_sink.hpp"
 #include "ardvex-file.h"
 #include "ardvex-iprange.h"
 #include "ardvex-log.h"
@@ -44,17 +45,6 @@ constexpr int kUsage = 64;
 constexpr int kNoInput = 66;
 constexpr int kSoftware = 70;
 constexpr int kConfig = 78;
-
-// The engine's ERROR lines go to standard error as bare messages; DEBUG lines only with
-// VERBOSEDEBUG, as everywhere.
-void to_stderr(int priority, const char* format, ...) {
-    (void)priority;
-    va_list args;
-    va_start(args, format);
-    std::vfprintf(stderr, format, args);
-    va_end(args);
-    std::fputc('\n', stderr);
-}
 
 constexpr const char* kMainHelp =
     "usage: ardvex-admin COMMAND [ARGS]\n"
