@@ -26,7 +26,12 @@ DEFAULT_FILES = ["corelib/ow_clibs.cpp", "corelib/ow_compat.cpp", "corelib/ow_fi
                  "metrics_client/ardvex-metrics-client.cpp"]
 # Test labels run for a file in each directory, and test names left out (other modules').
 LABELS = {"corelib": ["corelib", "c_api"], "common": ["common"], "engine": ["engine", "c_api"],
-          "metrics_client": ["metrics_client", "integration"]}
+          "metrics_client": ["metrics_client", "integration"],
+          "known_sender_forgery": ["known_sender_forgery", "engine"], "tools": ["tools", "policyd"]}
+# Programs the labels' tests run, built beside the test programs.
+PROGRAMS = {"integration": ["ardvex-metrics-client", "ardvex-secure", "ardvex-panel-version"],
+            "tools": ["ardvex-admin", "ardvex-policyd", "ardvex-map", "ardvex-regex-compile"],
+            "policyd": ["ardvex-admin", "ardvex-policyd"]}
 EXCLUDE = "hashmap|tiny_rex|regex"
 
 SWAPS = [("==", "!="), ("!=", "=="), ("<=", "<"), (">=", ">"), ("&&", "||"), ("||", "&&")]
@@ -87,8 +92,8 @@ def targets(root, labels, exclude):
     """The build targets the labels' tests run."""
     out = []
     for label in labels:
-        if label == "integration":
-            out += ["ardvex-metrics-client", "ardvex-secure", "ardvex-panel-version"]
+        out += PROGRAMS.get(label, [])
+        if not os.path.isdir(os.path.join(root, "tests", label)) or label == "integration":
             continue
         for name in sorted(os.listdir(os.path.join(root, "tests", label))):
             stem, ext = os.path.splitext(name)
