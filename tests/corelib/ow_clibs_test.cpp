@@ -2,22 +2,16 @@
 // account) and the environment lookup of ow_compat.
 #include "ow_clibs.h"
 
+#include "scratch.hpp"
+
 #include <pwd.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "log_capture.hpp"
 #include "ow_compat.h"
 #include "ow_internal.hpp"
 
 namespace {
 
 using ClibsTest = ow_test::LogCaptureTest;
-
 using ow_test::refused;
 
 // A start late in one second and a stop early in a later one: the microseconds borrow a
@@ -30,65 +24,47 @@ TEST_F(ClibsTest, StopwatchMeasuresFromOneStartAndBorrowsASecond) {
     sw = {sw.start_sec - 2, 999999, 0, 777777777};  // the stop must overwrite its pair
     const double elapsed = ow_stopwatch_stop(&sw);
     EXPECT_GT(elapsed, 1.0);
-    EXPECT_GE(sw.stop_usec, 0);
-    EXPECT_LT(sw.stop_usec, 1000000);
+    EXPECT_TRUE(sw.stop_usec >= 0 && sw.stop_usec < 1000000) << sw.stop_usec;
     EXPECT_GE(ow_stopwatch_stop(&sw), elapsed);
     EXPECT_NO_ERRORS();
 }
 
-class RunAsTest : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        if (geteuid() != 0) GTEST_SKIP() << "switching users needs root; running as " << geteuid();
-        // A throwaway service account, created once and left for the next run.
-        if (getpwnam(kAccount) == nullptr) {
-            std::system("useradd -r -M -s /usr/sbin/nologin ardvex-test >/dev/null 2>&1");
-        }
-        const passwd* account = getpwnam(kAccount);
-        if (account == nullptr) GTEST_SKIP() << "cannot create the service account " << kAccount;
-        account_uid_ = account->pw_uid;
+// Root lends its effective id and takes it back; a process that has given root up for good
+// can only stay what it is.
+TEST_F(ClibsTest, RunAsLendsTheEffectiveIdOnlyFromRoot) {
+    if (geteuid() != 0) GTEST_SKIP() << "switching users needs root; running as " << geteuid();
+    const char* account = "ardvex-test";  // created once and left for the next run
+    if (getpwnam(account) == nullptr) {
+        ow_test::sh("useradd -r -M -s /usr/sbin/nologin ardvex-test >/dev/null 2>&1");
     }
-    void TearDown() override {
-        // Whatever a failed test left behind, the rest of the run goes on as root.
-        if (geteuid() != 0) seteuid(0);
-        LogCaptureTest::TearDown();
-    }
-    static constexpr const char* kAccount = "ardvex-test";
-    uid_t account_uid_ = 0;
-};
-
-TEST_F(RunAsTest, RootLendsItsEffectiveIdAndTakesItBack) {
-    ASSERT_TRUE(ow_set_run_as(kAccount));
-    EXPECT_EQ(geteuid(), account_uid_);
+    if (getpwnam(account) == nullptr) GTEST_SKIP() << "cannot create the account " << account;
+    const uid_t uid = getpwnam(account)->pw_uid;
+    EXPECT_TRUE(ow_set_run_as(account));
+    EXPECT_EQ(geteuid(), uid);
     EXPECT_EQ(getuid(), 0u) << "the real id must stay root";
-    EXPECT_TRUE(ow_set_run_as(kAccount)) << "already running as the account";
+    EXPECT_TRUE(ow_set_run_as(account)) << "already running as the account";
     EXPECT_TRUE(ow_set_run_as("nobody")) << "from one lent account to another";
     EXPECT_EQ(geteuid(), getpwnam("nobody")->pw_uid);
-    EXPECT_TRUE(ow_set_run_as("root"));
+    EXPECT_TRUE(ow_set_run_as("root") && ow_set_run_as("root"));
     EXPECT_EQ(geteuid(), 0u);
-    EXPECT_TRUE(ow_set_run_as("root")) << "root asked to stay root";
     EXPECT_NO_ERRORS();
-}
 
-// A process that has given root up for good can only stay what it is.
-TEST_F(RunAsTest, WithoutRootOnlyTheCurrentUserIsAccepted) {
     const pid_t child = fork();
     if (child == 0) {
-        ow_test::captured().clear();
-        const bool ok = setresuid(account_uid_, account_uid_, account_uid_) == 0 &&
-                        ow_set_run_as(kAccount) && !ow_set_run_as("nobody") &&
-                        !ow_set_run_as("root") && geteuid() == account_uid_ &&
+        clear_log();
+        const bool ok = setresuid(uid, uid, uid) == 0 && ow_set_run_as(account) &&
+                        !ow_set_run_as("nobody") && !ow_set_run_as("root") && geteuid() == uid &&
                         ow_test::has_error("ow_set_run_as",
                                            "This program must be run as 'root' or 'nobody' user");
         _exit(ok ? 0 : 1);
     }
     int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+                WEXITSTATUS(status) == 0);
+    if (geteuid() != 0) seteuid(0);  // whatever went wrong, the run goes on as root
 }
 
-TEST_F(ClibsTest, GetenvHandsOutAPrivateCopy) {
+TEST_F(ClibsTest, GetenvHandsOutAPrivateCopyAndRefusals) {
     setenv("OW_TEST_VAR", "value one", 1);
     setenv("OW_TEST_EMPTY", "", 1);
     unsetenv("OW_TEST_MISSING");
@@ -96,7 +72,6 @@ TEST_F(ClibsTest, GetenvHandsOutAPrivateCopy) {
     ASSERT_TRUE(__getenv("OW_TEST_VAR", &value));  // the old string is freed (ASan checks)
     setenv("OW_TEST_VAR", "changed", 1);
     EXPECT_STREQ(value, "value one") << "the copy must not follow the environment";
-
     ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value));
     EXPECT_STREQ(value, "");
     char* const kept = value;
@@ -104,14 +79,10 @@ TEST_F(ClibsTest, GetenvHandsOutAPrivateCopy) {
     EXPECT_NO_ERRORS();
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(__getenv("OW_TEST_VAR", &value));
-    EXPECT_EQ(value, kept) << "a missing variable or a failed copy changed the caller's string";
     EXPECT_ERROR_LINE("__getenv", std::strerror(ENOMEM));
-    std::free(value);
-}
+    clear_log();
 
-TEST_F(ClibsTest, RefusalsGiveTheFailureValueAndTheirLine) {
     ow_stopwatch cleared{};
-    char* value = nullptr;
     const std::string inval = std::strerror(EINVAL);
     refused("ow_stopwatch_start", inval, {!ow_stopwatch_start(nullptr)});
     refused("ow_stopwatch_stop", inval,
@@ -123,7 +94,8 @@ TEST_F(ClibsTest, RefusalsGiveTheFailureValueAndTheirLine) {
         std::string("Error retrieving ardvex-no-such-user UID: [") + std::strerror(ENOENT) + "]?",
         {!ow_set_run_as("ardvex-no-such-user")});
     refused("__getenv", inval, {!__getenv("", &value), !__getenv("OW_TEST_VAR", nullptr)});
-    EXPECT_EQ(value, nullptr);
+    EXPECT_EQ(value, kept) << "a missing variable, a failed copy or a refusal changed it";
+    std::free(value);
 }
 
 }  // namespace

@@ -2,31 +2,23 @@
 // one locked counter, a packet socket keeps each write(2) apart, slow writers meet time-outs.
 #include "ow_file.h"
 
-#include <fcntl.h>
+#include "scratch.hpp"
+
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
 
 namespace {
 
-namespace fs = std::filesystem;
 using ow_test::refused;
+using ow_test::slurp;
+using FileTest = ow_test::ScratchTest;
+namespace fs = std::filesystem;
 
 std::string err(int e) { return std::strerror(e); }
 
@@ -42,38 +34,12 @@ pid_t spawn(const std::function<bool()>& body) {
 
 int wait_exit(pid_t pid) {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-class FileTest : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        char tmpl[] = "/tmp/ow_file_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-        LogCaptureTest::TearDown();
-    }
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-    std::string put(const std::string& name, const std::string& bytes) const {
-        std::ofstream(path(name), std::ios::binary) << bytes;
-        return path(name);
-    }
-    static std::string slurp(const std::string& p) {
-        uint64_t size = 0;
-        ow::unique_cstr data(ow_file_get_contents_ex(p.c_str(), &size));
-        return data ? std::string(data.get(), size) : "<none>";
-    }
-    std::string dir_;
-};
-
 TEST_F(FileTest, LockSerialisesReadModifyWriteAcrossProcesses) {
-    const std::string counter = put("counter", "0");
+    const std::string counter = path("counter");
+    ow_test::spit(counter, "0");
     auto bump_1000 = [&] {
         for (int i = 0; i < 1000; ++i) {
             const int fd = ow_open_ex(counter.c_str(), true, O_RDWR, 0);
@@ -89,49 +55,38 @@ TEST_F(FileTest, LockSerialisesReadModifyWriteAcrossProcesses) {
         return true;
     };
     const pid_t a = spawn(bump_1000), b = spawn(bump_1000);
-    EXPECT_EQ(wait_exit(a), 0);
-    EXPECT_EQ(wait_exit(b), 0);
+    EXPECT_EQ(wait_exit(a) + wait_exit(b), 0);
     EXPECT_EQ(slurp(counter), "2000");
 }
 
-void on_alarm(int) {}
-
 // The packet socket keeps each write(2) apart. Its small send buffer makes a later block wait
-// for the late reader, and a timer interrupts that wait: the block must go out once, whole.
+// for the late reader, and a signal interrupts that wait: the block must go out once, whole.
 TEST_F(FileTest, WriteGoesOutIn4096ByteBlocksAndRepeatsAnInterruptedOne) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
     const int small = 4096;
     ASSERT_EQ(setsockopt(sv[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    std::string data(10000, '\0');
     // A pattern that does not repeat every block, so a block sent from the wrong place shows.
+    std::string data(10000, '\0'), received;
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
     std::vector<ssize_t> records;
-    std::string received;
-    std::thread reader([&] {
-        sigset_t alarm_only;
-        sigemptyset(&alarm_only);
-        sigaddset(&alarm_only, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm_only, nullptr);  // the writer must take the signal
-        usleep(400000);
-        char buf[65536];
-        for (ssize_t n; (n = recv(sv[1], buf, sizeof buf, 0)) > 0;) {
-            records.push_back(n);
-            received.append(buf, static_cast<std::size_t>(n));
-        }
-    });
     struct sigaction sa {};
     struct sigaction old {};
-    sa.sa_handler = on_alarm;  // no SA_RESTART: the blocked write must fail with EINTR
-    sigaction(SIGALRM, &sa, &old);
-    itimerval timer{{0, 0}, {0, 100000}};
-    setitimer(ITIMER_REAL, &timer, nullptr);
+    sa.sa_handler = [](int) {};  // no SA_RESTART: the blocked write must fail with EINTR
+    sigaction(SIGUSR1, &sa, &old);
+    std::thread reader([&, writer = pthread_self()] {
+        usleep(100000);
+        pthread_kill(writer, SIGUSR1);
+        usleep(300000);
+        char buf[65536];
+        for (ssize_t n; (n = recv(sv[1], buf, sizeof buf, 0)) > 0; received.append(buf, n)) {
+            records.push_back(n);
+        }
+    });
     EXPECT_TRUE(ow_write(sv[0], data.data(), data.size()));
-    timer = {};
-    setitimer(ITIMER_REAL, &timer, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
     close(sv[0]);  // the reader's end of data
     reader.join();
+    sigaction(SIGUSR1, &old, nullptr);
     close(sv[1]);
     EXPECT_EQ(records, (std::vector<ssize_t>{4096, 4096, 1808}));
     EXPECT_EQ(received, data);
@@ -143,18 +98,17 @@ TEST_F(FileTest, WriteGoesOutIn4096ByteBlocksAndRepeatsAnInterruptedOne) {
 TEST_F(FileTest, ReadNonblockTimeOutAndShortPieces) {
     const std::string block(4096, 'b');
     const struct {
-        const char* what;
         useconds_t pause_us;  // before each write
         std::vector<std::string> writes;
         uint64_t timeout_us;
         bool ok;
     } cases[] = {
-        {"silent", 0, {}, 200000, false},
-        {"slow blocks", 400000, {block, block, block}, 600000, false},
-        {"until short", 100000, {std::string(4096, 'x'), block, "tail"}, 5000000, true},
+        {0, {}, 200000, false},
+        {400000, {block, block, block}, 600000, false},
+        {100000, {std::string(4096, 'x'), block, "tail"}, 5000000, true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.timeout_us);
         int p[2];
         ASSERT_EQ(pipe(p), 0);
         const pid_t writer = spawn([&] {
@@ -182,10 +136,9 @@ TEST_F(FileTest, ReadNonblockTimeOutAndShortPieces) {
 TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
     const int fd = ow_open_ex(path("f").c_str(), false, O_RDWR | O_CREAT, 0);
     ASSERT_NE(fd, -1);
-    EXPECT_TRUE(ow_fprintf(fd, "%s=%d;", "n", 42));
-    EXPECT_TRUE(ow_fprintf(fd, "%s", std::string(1022, 'a').c_str()));
+    EXPECT_TRUE(ow_fprintf(fd, "%s=%d;", "n", 42) && ow_fprintf(fd, "%s", "") &&
+                ow_fprintf(fd, "%s", std::string(1022, 'a').c_str()));
     refused("ow_fprintf", err(E2BIG), {!ow_fprintf(fd, "%s", std::string(1023, 'b').c_str())});
-    EXPECT_TRUE(ow_fprintf(fd, "%s", ""));
     EXPECT_TRUE(ow_seek(fd, 40, SEEK_SET));
     EXPECT_EQ(ow_filesize(fd), 5 + 1022) << "the refused text was written";
     EXPECT_EQ(ow_tell(fd), 40) << "ow_filesize moved the position";
@@ -198,8 +151,8 @@ TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
     EXPECT_TRUE(ow_close(fd));
     // A 4-byte buffer: a line that does not fit comes in buffer-sized pieces, and a CR before
     // the line feed is cut, even from a line of nothing else.
-    const int lines =
-        ow_open_ex(put("lines", "a\r\nb\n\r\nabcdefgh\nz").c_str(), false, O_RDONLY, 0);
+    ow_test::spit(path("lines"), "a\r\nb\n\r\nabcdefgh\nz");
+    const int lines = ow_open_ex(path("lines").c_str(), false, O_RDONLY, 0);
     std::vector<std::string> got;
     char line[5] = "JJJJ";
     while (got.size() < 9 && ow_readline(lines, line, 4)) got.emplace_back(line, strnlen(line, 4));
@@ -213,11 +166,13 @@ TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
 
 TEST_F(FileTest, WholeFileReadsOfEmptyAndCappedFiles) {
     uint64_t size = 9;
-    ow::unique_cstr empty(ow_file_get_contents_ex(put("empty", "").c_str(), &size));
+    ow_test::spit(path("empty"), "");
+    ow::unique_cstr empty(ow_file_get_contents_ex(path("empty").c_str(), &size));
     EXPECT_TRUE(empty && *empty == '\0' && size == 0) << "an empty file gives an empty string";
     unsetenv("VERBOSEDEBUG");  // spare the log tens of thousands of block lines
     ow::testing::reset_debug_decision();
-    const std::string file = put("sparse", "");
+    const std::string file = path("sparse");
+    ow_test::spit(file, "");
     ASSERT_EQ(truncate(file.c_str(), 104857600 - 3), 0);
     std::ofstream(file, std::ios::app) << "end";
     ow::unique_cstr data(ow_file_get_contents_ex(file.c_str(), &size));
@@ -234,22 +189,21 @@ TEST_F(FileTest, WholeFileReadsOfEmptyAndCappedFiles) {
     EXPECT_ERROR_LINE("ow_fd_get_contents_ex", err(EFBIG));
     EXPECT_ERROR_LINE("ow_file_get_contents_ex",
                       "Failed to get file contents [" + file + "]: " + err(EFBIG));
+    ow_test::spit(path("small"), "x");
     ow::testing::fail_allocation(1);
-    EXPECT_EQ(ow_file_get_contents_ex(put("small", "x").c_str(), &size), nullptr);
+    EXPECT_EQ(ow_file_get_contents_ex(path("small").c_str(), &size), nullptr);
     EXPECT_ERROR_LINE("ow_fd_get_contents_ex", err(ENOMEM));
     EXPECT_ERROR_LINE("ow_file_get_contents_ex",
                       "Failed to get file contents [" + path("small") + "]: " + err(ENOMEM));
 }
 
-TEST_F(FileTest, ExistsSizeAndExecutableCheckTheType) {
-    const std::string file = put("file", std::string(5000, 'p'));
-    const std::string script = put("script", "#!/bin/sh\n");
-    chmod(script.c_str(), 0755);
-    chmod(file.c_str(), 0644);
-    const std::string dir = path("dir"), link = path("link"), dangling = path("dangling");
+TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
+    const std::string file = path("file"), script = path("script"), dir = path("dir");
+    ow_test::spit(file, std::string(5000, 'p'));
+    ow_test::spit(script, "#!/bin/sh\n", 0755);
     fs::create_directory(dir);
-    fs::create_symlink(file, link);
-    fs::create_symlink(path("nowhere"), dangling);
+    fs::create_symlink(file, path("link"));
+    fs::create_symlink(path("nowhere"), path("dangling"));
     mkfifo(path("fifo").c_str(), 0600);
     const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un addr{AF_UNIX, {}};
@@ -263,8 +217,8 @@ TEST_F(FileTest, ExistsSizeAndExecutableCheckTheType) {
         {dir, {20}, {16, 0xFF & ~4u}},
         // Only a mask of exactly the link bit (after the low 8 bits are taken) examines the
         // link itself; any other mask examines its target.
-        {link, {32, 0x100 | 32, 16}, {}},
-        {dangling, {32}, {16, 48}},
+        {path("link"), {32, 0x100 | 32, 16}, {}},
+        {path("dangling"), {32}, {16, 48}},
         {path("fifo"), {1}, {}},
         {path("sock"), {64}, {}},
         {path("missing"), {}, {0xFF}},
@@ -281,18 +235,18 @@ TEST_F(FileTest, ExistsSizeAndExecutableCheckTheType) {
     close(sock);
     // A copy replaces a longer destination exactly.
     const std::string bytes("copied\0bytes", 12);
-    EXPECT_TRUE(ow_copyfile(file.c_str(), put("src", bytes).c_str()));
-    EXPECT_EQ(slurp(file), bytes);
+    ow_test::spit(path("src"), bytes);
+    EXPECT_TRUE(ow_copyfile(file.c_str(), path("src").c_str()));
     EXPECT_TRUE(ow_copyfile(path("new").c_str(), file.c_str()));
-    EXPECT_EQ(slurp(path("new")), bytes);
+    EXPECT_EQ(slurp(file) + slurp(path("new")), bytes + bytes);
     uint64_t size = 0;
     EXPECT_TRUE(ow_get_filesize(script.c_str(), &size));
     EXPECT_EQ(size, 10u);
-    EXPECT_FALSE(ow_get_filesize(dir_.c_str(), &size));
+    EXPECT_FALSE(ow_get_filesize(dir.c_str(), &size));
     EXPECT_TRUE(ow_file_executable(script.c_str()));
-    EXPECT_FALSE(ow_file_executable(file.c_str()));
-    EXPECT_FALSE(ow_file_executable(dir_.c_str()));
-    EXPECT_FALSE(ow_file_executable(path("missing").c_str()));
+    for (const std::string& no : {file, dir, path("missing")}) {
+        EXPECT_FALSE(ow_file_executable(no.c_str())) << no;
+    }
     EXPECT_NO_ERRORS();  // a missing path or a wrong type is an answer, not a fault
 }
 
@@ -306,16 +260,15 @@ TEST_F(FileTest, TmpFileNamesAndJoinedPaths) {
         {"", "/axd." + pid},
     };
     for (const auto& [tmpdir, expected] : cases) {
-        SCOPED_TRACE(expected);
         tmpdir == nullptr ? unsetenv("TMPDIR") : setenv("TMPDIR", tmpdir, 1);
         EXPECT_STREQ(ow::unique_cstr(ow_tmp_file("axd")).get(), expected.c_str());
     }
     // A TMPDIR that cannot be copied gives no silent fall-back to /tmp.
     setenv("TMPDIR", "/var/tmp", 1);
-    ow::testing::fail_allocation(1);
-    EXPECT_EQ(ow_tmp_file("axd"), nullptr);
-    ow::testing::fail_allocation(2);
-    EXPECT_EQ(ow_tmp_file("axd"), nullptr);
+    for (long n : {1, 2}) {
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(ow_tmp_file("axd"), nullptr) << n;
+    }
     EXPECT_ERROR_LINE("__getenv", err(ENOMEM));
     EXPECT_ERROR_LINE("ow_tmp_file", err(ENOMEM));
     saved != nullptr ? setenv("TMPDIR", restore.c_str(), 1) : unsetenv("TMPDIR");
@@ -330,12 +283,11 @@ TEST_F(FileTest, TmpFileNamesAndJoinedPaths) {
 
 // Each refusal gives its failure value and its own ERROR line.
 TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
-    const std::string file = put("file", "content");
-    const int ro = open(file.c_str(), O_RDONLY);
-    const int dir_fd = open(dir_.c_str(), O_RDONLY);
+    const std::string file = path("file"), loop = path("loop1"), no = path("no"), dst = path("d");
+    ow_test::spit(file, "content");
+    const int ro = open(file.c_str(), O_RDONLY), dir_fd = open(dir_.c_str(), O_RDONLY);
     int p[2];
     ASSERT_EQ(pipe(p), 0);
-    const std::string loop = path("loop1"), no = path("no"), dst = path("d");
     fs::create_symlink(path("loop2"), loop);
     fs::create_symlink(loop, path("loop2"));
     const char *f = file.c_str(), *d = dst.c_str(), *none = nullptr;
@@ -393,10 +345,7 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
     refused("ow_readline", canceled, {!ow_readline(p[0], buf, 8)});
     refused("__build_path", inval, {!__build_path("", "n"), !__build_path("/d", "")});
     EXPECT_EQ(slurp(file), "content") << "a refused copy onto itself lost the data";
-    close(ro);
-    close(dir_fd);
-    close(p[0]);
-    close(p[1]);
+    for (const int fd : {ro, dir_fd, p[0], p[1]}) close(fd);
 }
 
 }  // namespace

@@ -2,34 +2,23 @@
 // descriptors, and the refusals.
 #include "ow_pipe.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+#include "scratch.hpp"
 
 #include "common_libs.h"
-#include "log_capture.hpp"
 #include "ow_file.h"
 #include "ow_internal.hpp"
 
 namespace {
+
+using ow_test::refused;
+using PipeTest = ow_test::LogCaptureTest;
 
 // Started as a child with OW_PIPE_TEST_ARGV set, this program prints its own argument vector
 // as "arg|arg|...|" and ends before any test runs: the only way to see argv[0] and the word
 // boundaries exactly.
 const bool g_printed_argv = [] {
     if (std::getenv("OW_PIPE_TEST_ARGV") == nullptr) return false;
-    std::ifstream in("/proc/self/cmdline", std::ios::binary);
-    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string cmdline = ow_test::slurp("/proc/self/cmdline");
     for (char& c : cmdline) c = c == '\0' ? '|' : c;
     std::fwrite(cmdline.data(), 1, cmdline.size(), stdout);
     std::fflush(stdout);
@@ -37,8 +26,7 @@ const bool g_printed_argv = [] {
 }();
 
 struct io {
-    std::string in;
-    std::string out;
+    std::string in, out;
 };
 
 void read_all(int32_t fd, void* user) {
@@ -60,15 +48,12 @@ void write_in(int32_t fd, void* user) {
     EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
-using PipeTest = ow_test::LogCaptureTest;
-
 TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
     // The child is this very program under another name, so argv[0] shows too.
     const std::string prog = "/tmp/ow_pipe_test." + std::to_string(::getpid()) + " prog";
     ASSERT_EQ(::symlink(std::filesystem::read_symlink("/proc/self/exe").c_str(), prog.c_str()), 0);
     ::setenv("OW_PIPE_TEST_ARGV", "1", 1);
-    const std::string base = prog.substr(5);
-    const std::string mib(1u << 20, 'x');
+    const std::string base = prog.substr(5), mib(1u << 20, 'x');
     const struct {
         std::string path;
         const char* args;
@@ -108,8 +93,8 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
 
     ow_pipe_handle* handle = ow_init_pipe("/bin/sh", "-c \"read x && echo got $x && exit 2\"");
     ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(handle->in_read, -1);  // the child's ends are closed in the parent
-    EXPECT_EQ(handle->out_write, -1);
+    // The child's ends are closed in the parent.
+    EXPECT_EQ(handle->in_read + handle->out_write, -2);
     ASSERT_EQ(::write(ow_pipe_write_fd(handle), "42\n", 3), 3);
     ::close(ow_pipe_write_fd(handle));
     io answer;
@@ -138,12 +123,10 @@ TEST_F(PipeTest, ChildrenInheritOnlyTheirOwnDescriptors) {
     const int file = ow_open_ex("/proc/self/exe", false, O_RDONLY, 0);
     ASSERT_GE(file, 0);
     // ls itself opens the directory it lists as 3.
-    io listing{"-", ""};
+    io listing{"-", ""}, direct;
     EXPECT_EQ(ow_pipe("/bin/true", nullptr, nullptr, list_descriptors_while_writing, &listing), 0);
-    EXPECT_EQ(listing.out, "0\n1\n2\n3\n");
-    listing.out.clear();
-    EXPECT_EQ(ow_pipe("/bin/ls", "/proc/self/fd", read_all, nullptr, &listing), 0);
-    EXPECT_EQ(listing.out, "0\n1\n2\n3\n");
+    EXPECT_EQ(ow_pipe("/bin/ls", "/proc/self/fd", read_all, nullptr, &direct), 0);
+    EXPECT_EQ(listing.out + direct.out, "0\n1\n2\n3\n0\n1\n2\n3\n");
     ::close(file);
     ::close(ow_pipe_write_fd(held));
     ::close(ow_pipe_read_fd(held));
@@ -152,32 +135,29 @@ TEST_F(PipeTest, ChildrenInheritOnlyTheirOwnDescriptors) {
 }
 
 TEST_F(PipeTest, RefusalsAndFailuresBeforeTheProgramRuns) {
-    const std::string einval = std::strerror(EINVAL);
-    const std::string enomem = std::strerror(ENOMEM);
-    const std::string enoent = std::strerror(ENOENT);
+    const std::string einval = std::strerror(EINVAL), enoent = std::strerror(ENOENT);
     const std::string marker = "/tmp/ow_pipe_test." + std::to_string(::getpid());
-    const std::string touch_args = marker + " x;y";
-    ow_test::refused(
+    refused(
         "ow_init_pipe", "You may not use semicolons in ow_pipe arguments",
-        {ow_pipe("/usr/bin/touch", touch_args.c_str(), nullptr, nullptr, nullptr) == -1});
+        {ow_pipe("/usr/bin/touch", (marker + " x;y").c_str(), nullptr, nullptr, nullptr) == -1});
     EXPECT_FALSE(std::filesystem::exists(marker));  // nothing was started
-    ow_test::refused("ow_pipe", einval, {ow_pipe("", "a", nullptr, nullptr, nullptr) == -1});
-    ow_test::refused("ow_init_pipe", einval, {ow_init_pipe("", nullptr) == nullptr});
-    ow_test::refused("ow_clean_pipe", einval, {ow_clean_pipe(nullptr) == -1});
-    ow_test::refused("ow_pipe_read_fd", einval, {ow_pipe_read_fd(nullptr) == -1});
-    ow_test::refused("ow_pipe_write_fd", einval, {ow_pipe_write_fd(nullptr) == -1});
+    refused("ow_pipe", einval, {ow_pipe("", "a", nullptr, nullptr, nullptr) == -1});
+    refused("ow_init_pipe", einval, {ow_init_pipe("", nullptr) == nullptr});
+    refused("ow_clean_pipe", einval, {ow_clean_pipe(nullptr) == -1});
+    refused("ow_pipe_read_fd", einval, {ow_pipe_read_fd(nullptr) == -1});
+    refused("ow_pipe_write_fd", einval, {ow_pipe_write_fd(nullptr) == -1});
     // The handle, the joined line, the vector: each failure starts nothing.
     for (long n = 1; n <= 4; ++n) {
         SCOPED_TRACE(n);
         ow::testing::fail_allocation(n);
-        ow_test::refused("ow_init_pipe", enomem,
-                         {ow_pipe("/bin/echo", "a b", nullptr, nullptr, nullptr) == -1});
+        refused("ow_init_pipe", std::strerror(ENOMEM),
+                {ow_pipe("/bin/echo", "a b", nullptr, nullptr, nullptr) == -1});
     }
     // A program that cannot be run: the parent says so, and the child's status is 1.
-    ow_test::refused("ow_init_pipe", "execv(/nonexistent/prog, prog a \"b c\") failed: " + enoent,
-                     {ow_pipe("/nonexistent/prog", "a \"b c\"", nullptr, nullptr, nullptr) == 1});
-    ow_test::refused("ow_init_pipe", "execv(/nonexistent/prog, prog) failed: " + enoent,
-                     {ow_pipe("/nonexistent/prog", nullptr, nullptr, nullptr, nullptr) == 1});
+    refused("ow_init_pipe", "execv(/nonexistent/prog, prog a \"b c\") failed: " + enoent,
+            {ow_pipe("/nonexistent/prog", "a \"b c\"", nullptr, nullptr, nullptr) == 1});
+    refused("ow_init_pipe", "execv(/nonexistent/prog, prog) failed: " + enoent,
+            {ow_pipe("/nonexistent/prog", nullptr, nullptr, nullptr, nullptr) == 1});
 }
 
 }  // namespace
