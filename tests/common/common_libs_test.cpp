@@ -63,14 +63,15 @@ class CommonLibsTest : public ow_test::ScratchTest {
 
 TEST_F(CommonLibsTest, ExecuteProgram) {
     const std::string mib_of_y = "head -c 1048576 /dev/zero | tr '\\0' y";
+    // size 0: no output buffer. expected: the buffer's first bytes; the rest must stay as it
+    // was. error: the one ERROR line, if any.
     const struct {
         const char* path;
         std::string script;
-        std::size_t size;  // 0: no output buffer
+        std::size_t size;
         bool ok;
         int32_t code;
-        std::string expected;  // the buffer's first bytes; the rest must stay as it was
-        std::string error;     // the one ERROR line, if any
+        std::string expected, error;
     } cases[] = {
         {"/bin/sh", "echo hello", 16, true, 0, "hello\n", ""},
         {"/bin/sh", "exit 3", 0, true, 3, "", ""},
@@ -129,10 +130,8 @@ TEST_F(CommonLibsTest, StatusAndFailures) {
     const std::string not_executable = path("not-executable");
     ow_test::spit(not_executable, "#!/bin/sh\n", 0644);
     const struct {
-        const char* headers;
-        const char* end;
-        std::string program;
-        std::string response;
+        const char *headers, *end;
+        std::string program, response;
         int32_t status;
         std::string error;  // "transfer tool exited with code [...]: ..." when not empty
     } cases[] = {

@@ -6,7 +6,6 @@
 
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <functional>
 #include <thread>
@@ -41,21 +40,21 @@ TEST_F(FileTest, LockSerialisesReadModifyWriteAcrossProcesses) {
     const std::string counter = path("counter");
     ow_test::spit(counter, "0");
     auto bump_1000 = [&] {
-        for (int i = 0; i < 1000; ++i) {
+        bool ok = true;
+        for (int i = 0; ok && i < 1000; ++i) {
             const int fd = ow_open_ex(counter.c_str(), true, O_RDWR, 0);
             char text[32] = {};
-            if (fd == -1 || !ow_read(fd, text, sizeof text - 1)) return false;
+            ok = fd != -1 && ow_read(fd, text, sizeof text - 1);
             sched_yield();  // invite the other process in between the read and the write
-            if (!ow_seek(fd, 0, SEEK_SET) ||
-                !ow_fprintf(fd, "%ld", std::strtol(text, nullptr, 10) + 1) || !ow_truncate(fd) ||
-                !ow_close(fd)) {
-                return false;
-            }
+            ok = ok && ow_seek(fd, 0, SEEK_SET) &&
+                 ow_fprintf(fd, "%ld", std::strtol(text, nullptr, 10) + 1) && ow_truncate(fd) &&
+                 ow_close(fd);
         }
-        return true;
+        return ok;
     };
     const pid_t a = spawn(bump_1000), b = spawn(bump_1000);
-    EXPECT_EQ(wait_exit(a) + wait_exit(b), 0);
+    EXPECT_EQ(wait_exit(a), 0);
+    EXPECT_EQ(wait_exit(b), 0);
     EXPECT_EQ(slurp(counter), "2000");
 }
 
@@ -70,8 +69,8 @@ TEST_F(FileTest, WriteGoesOutIn4096ByteBlocksAndRepeatsAnInterruptedOne) {
     std::string data(10000, '\0'), received;
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
     std::vector<ssize_t> records;
-    struct sigaction sa {};
-    struct sigaction old {};
+    struct sigaction sa {
+    }, old{};
     sa.sa_handler = [](int) {};  // no SA_RESTART: the blocked write must fail with EINTR
     sigaction(SIGUSR1, &sa, &old);
     std::thread reader([&, writer = pthread_self()] {
@@ -103,7 +102,7 @@ TEST_F(FileTest, ReadNonblockTimeOutAndShortPieces) {
         uint64_t timeout_us;
         bool ok;
     } cases[] = {
-        {0, {}, 200000, false},
+        {0, {}, 200000, false},  // silent
         {400000, {block, block, block}, 600000, false},
         {100000, {std::string(4096, 'x'), block, "tail"}, 5000000, true},
     };
@@ -144,11 +143,8 @@ TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
     EXPECT_EQ(ow_tell(fd), 40) << "ow_filesize moved the position";
     EXPECT_TRUE(ow_truncate(fd));
     EXPECT_EQ(ow_filesize(fd), 40);
-    EXPECT_TRUE(ow_seek(fd, 0, SEEK_SET));
-    std::vector<char> buf(10000, '\0');
-    EXPECT_TRUE(ow_read(fd, buf.data(), 10000)) << "a read past the end must stop and succeed";
-    EXPECT_EQ(std::string(buf.data()), "n=42;" + std::string(35, 'a'));
     EXPECT_TRUE(ow_close(fd));
+    EXPECT_EQ(slurp(path("f")), "n=42;" + std::string(35, 'a'));
     // A 4-byte buffer: a line that does not fit comes in buffer-sized pieces, and a CR before
     // the line feed is cut, even from a line of nothing else.
     ow_test::spit(path("lines"), "a\r\nb\n\r\nabcdefgh\nz");
@@ -172,14 +168,11 @@ TEST_F(FileTest, WholeFileReadsOfEmptyAndCappedFiles) {
     unsetenv("VERBOSEDEBUG");  // spare the log tens of thousands of block lines
     ow::testing::reset_debug_decision();
     const std::string file = path("sparse");
-    ow_test::spit(file, "");
-    ASSERT_EQ(truncate(file.c_str(), 104857600 - 3), 0);
-    std::ofstream(file, std::ios::app) << "end";
+    ASSERT_EQ(ow_test::sh("truncate -s 104857597 " + file + " && printf end >>" + file), 0);
     ow::unique_cstr data(ow_file_get_contents_ex(file.c_str(), &size));
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(size, 104857600u);
     EXPECT_STREQ(data.get() + size - 3, "end");
-    data.reset();
     EXPECT_NO_ERRORS();
 
     ASSERT_EQ(truncate(file.c_str(), 104857601), 0);
@@ -205,10 +198,6 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
     fs::create_symlink(file, path("link"));
     fs::create_symlink(path("nowhere"), path("dangling"));
     mkfifo(path("fifo").c_str(), 0600);
-    const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{AF_UNIX, {}};
-    path("sock").copy(addr.sun_path, sizeof addr.sun_path - 1);
-    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     const struct {
         std::string path;
         std::vector<unsigned> accepted, refused;  // masks
@@ -220,7 +209,6 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
         {path("link"), {32, 0x100 | 32, 16}, {}},
         {path("dangling"), {32}, {16, 48}},
         {path("fifo"), {1}, {}},
-        {path("sock"), {64}, {}},
         {path("missing"), {}, {0xFF}},
         {file + "/below", {}, {0xFF}},
     };
@@ -232,7 +220,6 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
             }
         }
     }
-    close(sock);
     // A copy replaces a longer destination exactly.
     const std::string bytes("copied\0bytes", 12);
     ow_test::spit(path("src"), bytes);
@@ -240,8 +227,7 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
     EXPECT_TRUE(ow_copyfile(path("new").c_str(), file.c_str()));
     EXPECT_EQ(slurp(file) + slurp(path("new")), bytes + bytes);
     uint64_t size = 0;
-    EXPECT_TRUE(ow_get_filesize(script.c_str(), &size));
-    EXPECT_EQ(size, 10u);
+    EXPECT_TRUE(ow_get_filesize(script.c_str(), &size) && size == 10u) << size;
     EXPECT_FALSE(ow_get_filesize(dir.c_str(), &size));
     EXPECT_TRUE(ow_file_executable(script.c_str()));
     for (const std::string& no : {file, dir, path("missing")}) {
@@ -251,8 +237,6 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
 }
 
 TEST_F(FileTest, TmpFileNamesAndJoinedPaths) {
-    const char* saved = std::getenv("TMPDIR");
-    const std::string restore = saved != nullptr ? saved : "";
     const std::string pid = std::to_string(getpid());
     const std::pair<const char*, std::string> cases[] = {
         {nullptr, "/tmp/axd." + pid},  // TMPDIR unset
@@ -271,7 +255,6 @@ TEST_F(FileTest, TmpFileNamesAndJoinedPaths) {
     }
     EXPECT_ERROR_LINE("__getenv", err(ENOMEM));
     EXPECT_ERROR_LINE("ow_tmp_file", err(ENOMEM));
-    saved != nullptr ? setenv("TMPDIR", restore.c_str(), 1) : unsetenv("TMPDIR");
 
     for (const char* dir : {"/etc/ardvex", "/etc/ardvex/"}) {
         EXPECT_STREQ(ow::unique_cstr(__build_path(dir, "list")).get(), "/etc/ardvex/list");

