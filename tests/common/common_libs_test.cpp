@@ -11,6 +11,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using ow_test::refused;
 using ow_test::slurp;
 
 std::string failure_text(int code) {
@@ -96,7 +97,7 @@ TEST_F(CommonLibsTest, ExecuteProgram) {
         EXPECT_EQ(code, c.code);
         EXPECT_EQ(buffer.substr(0, c.expected.size()), c.expected);
         EXPECT_EQ(buffer.find_first_not_of('Z', c.expected.size()), std::string::npos);
-        if (!c.error.empty()) ow_test::refused("execute_program", c.error, {true});
+        if (!c.error.empty()) refused("execute_program", c.error, {true});
         EXPECT_NO_ERRORS();
     }
     EXPECT_EQ(system_exit_code("exit 7"), 7);
@@ -158,10 +159,8 @@ TEST_F(CommonLibsTest, StatusAndFailures) {
         EXPECT_EQ(fetch("a=1", c.headers, c.end, c.program), !c.response.starts_with("Fatal"));
         EXPECT_EQ(response(), c.response);
         EXPECT_EQ(status_, c.status);
-        if (!c.error.empty()) {
-            ow_test::refused("fetch_remote_url", "transfer tool exited with code " + c.error,
-                             {true});
-        }
+        const std::string line = "transfer tool exited with code " + c.error;
+        if (!c.error.empty()) refused("fetch_remote_url", line, {true});
         EXPECT_NO_ERRORS();
         expect_no_files_left();
     }
@@ -205,15 +204,15 @@ TEST_F(CommonLibsTest, RefusalsAndAllocationFailuresLeaveTheOutputsAlone) {
     response_ = before;
     char* argv[] = {const_cast<char*>("sh"), nullptr};
     int32_t code = -7;
-    ow_test::refused("execute_program", std::strerror(EINVAL),
-                     {!execute_program("", argv, nullptr, 0, &code),
-                      !execute_program("/bin/sh", nullptr, nullptr, 0, &code)});
-    ow_test::refused("fetch_remote_url", std::strerror(EINVAL),
-                     {!fetch_remote_url("", "a", nullptr, "u", &response_, &status_),
-                      !fetch_remote_url("p", nullptr, nullptr, "u", &response_, &status_),
-                      !fetch_remote_url("p", "a", nullptr, "", &response_, &status_),
-                      !fetch_remote_url("p", "a", nullptr, "u", nullptr, &status_),
-                      !fetch_remote_url("p", "a", nullptr, "u", &response_, nullptr)});
+    refused("execute_program", std::strerror(EINVAL),
+            {!execute_program("", argv, nullptr, 0, &code),
+             !execute_program("/bin/sh", nullptr, nullptr, 0, &code)});
+    refused("fetch_remote_url", std::strerror(EINVAL),
+            {!fetch_remote_url("", "a", nullptr, "u", &response_, &status_),
+             !fetch_remote_url("p", nullptr, nullptr, "u", &response_, &status_),
+             !fetch_remote_url("p", "a", nullptr, "", &response_, &status_),
+             !fetch_remote_url("p", "a", nullptr, "u", nullptr, &status_),
+             !fetch_remote_url("p", "a", nullptr, "u", &response_, nullptr)});
     EXPECT_EQ(code, -7);
 
     // Fail the first allocation (the temporary names), then the first one after the names
