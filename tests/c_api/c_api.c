@@ -1,7 +1,5 @@
-/* c_api.c: the library as a C11 caller (the mail-server component) sees it through its
- * installed headers: strings, a file, the map, a program run two ways, the log sink, and the
- * engine's rules, hooks and address parsing. The install test builds it against the staged
- * installation through pkg-config (shared and static). */
+/* c_api.c: the library as a C11 caller sees it through its installed headers; the install
+ * test also builds it against the staged installation through pkg-config. */
 #define _POSIX_C_SOURCE 200809L
 #include <fcntl.h>
 #include <stdio.h>

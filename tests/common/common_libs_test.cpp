@@ -1,6 +1,5 @@
-// Tests of execute_program, system_exit_code and fetch_remote_url. The transfer runs a
-// stand-in tool that answers what a test asks and records the arguments it was given; the
-// real tool meets a real endpoint in tests/integration.
+// execute_program, system_exit_code, and fetch_remote_url with a stand-in transfer tool (the
+// real one meets a real endpoint in tests/integration).
 #include "common_libs.h"
 
 #include "scratch.hpp"
@@ -26,8 +25,7 @@ class CommonLibsTest : public ow_test::ScratchTest {
         for (const char* prefix : {"axp", "axd", "axh"}) {
             files_.push_back(path(prefix + ("." + std::to_string(::getpid()))));
         }
-        // Records its arguments, answers $FAKE_HEADERS (printf %b) with the posted data as
-        // the body, then runs $FAKE_END.
+        // Records its arguments, answers $FAKE_HEADERS and the posted data, runs $FAKE_END.
         ow_test::spit(path("tool"),
                       "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"${0%/*}/args\"\n"
                       "for a; do case $prev in --data-binary) data=${a#@} ;; -o) body=$a ;;"
@@ -62,8 +60,7 @@ class CommonLibsTest : public ow_test::ScratchTest {
 
 TEST_F(CommonLibsTest, ExecuteProgram) {
     const std::string mib_of_y = "head -c 1048576 /dev/zero | tr '\\0' y";
-    // size 0: no output buffer. expected: the buffer's first bytes; the rest must stay as it
-    // was. error: the one ERROR line, if any.
+    // Size 0: no buffer. The buffer starts with `expected`; the rest stays as it was.
     const struct {
         const char* path;
         std::string script;
@@ -105,8 +102,7 @@ TEST_F(CommonLibsTest, ExecuteProgram) {
     EXPECT_EQ(system_exit_code(nullptr), -1);
 }
 
-// The data reaches the tool only through the post file: exactly, and never in its arguments,
-// which every local user can read.
+// The data reaches the tool exactly, through a file: never in arguments all users can read.
 TEST_F(CommonLibsTest, PostsThroughAFileOfItsOwn) {
     const std::string bodies[] = {"a='b c'&d=it's $(id) `id` ; | * caf\xc3\xa9 \xff\x01\nx\r\n",
                                   "@/etc/passwd", ""};
@@ -215,8 +211,7 @@ TEST_F(CommonLibsTest, RefusalsAndAllocationFailuresLeaveTheOutputsAlone) {
              !fetch_remote_url("p", "a", nullptr, "u", &response_, nullptr)});
     EXPECT_EQ(code, -7);
 
-    // Fail the first allocation (the temporary names), then the first one after the names
-    // (the argument vector).
+    // Fail the first allocation (a name), then the first after the names (the vector).
     const long start = ow::testing::allocation_count();
     for (const char* prefix : {"axp", "axd", "axh"}) std::free(ow_tmp_file(prefix));
     const long for_names = ow::testing::allocation_count() - start;

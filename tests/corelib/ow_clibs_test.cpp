@@ -1,5 +1,4 @@
-// Tests of the stopwatch, the effective-user switch (for real, as root, with a service
-// account) and the environment lookup of ow_compat.
+// The stopwatch, the effective-user switch (for real, as root) and ow_compat's getenv.
 #include "ow_clibs.h"
 
 #include "scratch.hpp"
@@ -14,8 +13,7 @@ namespace {
 using ClibsTest = ow_test::LogCaptureTest;
 using ow_test::refused;
 
-// A start late in one second and a stop early in a later one: the microseconds borrow a
-// second. A second stop measures from the same start.
+// A stop early in a later second borrows one; a second stop measures from the same start.
 TEST_F(ClibsTest, StopwatchMeasuresFromOneStartAndBorrowsASecond) {
     ow_stopwatch sw;
     std::memset(&sw, 0x5A, sizeof sw);
@@ -29,8 +27,7 @@ TEST_F(ClibsTest, StopwatchMeasuresFromOneStartAndBorrowsASecond) {
     EXPECT_NO_ERRORS();
 }
 
-// Root lends its effective id and takes it back; a process that has given root up for good
-// can only stay what it is.
+// Root lends its effective id and takes it back; without root a process stays what it is.
 TEST_F(ClibsTest, RunAsLendsTheEffectiveIdOnlyFromRoot) {
     if (geteuid() != 0) GTEST_SKIP() << "switching users needs root; running as " << geteuid();
     const char* account = "ardvex-test";  // created once and left for the next run

@@ -1,5 +1,4 @@
-// Tests of ow_file against real files, pipes, sockets and processes: two processes race on
-// one locked counter, a packet socket keeps each write(2) apart, slow writers meet time-outs.
+// ow_file against real files, pipes, sockets and racing or slow processes.
 #include "ow_file.h"
 
 #include "scratch.hpp"
@@ -58,8 +57,7 @@ TEST_F(FileTest, LockSerialisesReadModifyWriteAcrossProcesses) {
     EXPECT_EQ(slurp(counter), "2000");
 }
 
-// The packet socket keeps each write(2) apart. Its small send buffer makes a later block wait
-// for the late reader, and a signal interrupts that wait: the block must go out once, whole.
+// A packet socket keeps each write(2) apart; a signal interrupts a block waiting for room.
 TEST_F(FileTest, WriteGoesOutIn4096ByteBlocksAndRepeatsAnInterruptedOne) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
@@ -92,8 +90,7 @@ TEST_F(FileTest, WriteGoesOutIn4096ByteBlocksAndRepeatsAnInterruptedOne) {
     EXPECT_ERROR_LINE("ow_write", "Write operation was interrupted... trying again...");
 }
 
-// The time-out bounds the whole call: three blocks 400 ms apart do not fit in 600 ms,
-// although no single wait is longer than 400 ms.
+// The time-out bounds the whole call, not each wait: 3 blocks 400 ms apart miss 600 ms.
 TEST_F(FileTest, ReadNonblockTimeOutAndShortPieces) {
     const std::string block(4096, 'b');
     const struct {
@@ -145,8 +142,7 @@ TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
     EXPECT_EQ(ow_filesize(fd), 40);
     EXPECT_TRUE(ow_close(fd));
     EXPECT_EQ(slurp(path("f")), "n=42;" + std::string(35, 'a'));
-    // A 4-byte buffer: a line that does not fit comes in buffer-sized pieces, and a CR before
-    // the line feed is cut, even from a line of nothing else.
+    // A longer line comes in buffer-sized pieces; a CR before the LF goes, even alone.
     ow_test::spit(path("lines"), "a\r\nb\n\r\nabcdefgh\nz");
     const int lines = ow_open_ex(path("lines").c_str(), false, O_RDONLY, 0);
     std::vector<std::string> got;
@@ -199,8 +195,7 @@ TEST_F(FileTest, ExistsSizeExecutableAndCopy) {
     } cases[] = {
         {file, {16}, {4, 32, 0xFF & ~16u}},
         {dir, {20}, {16, 0xFF & ~4u}},
-        // Only a mask of exactly the link bit (after the low 8 bits are taken) examines the
-        // link itself; any other mask examines its target.
+        // Only a mask of exactly the link bit (in the low 8 bits) examines the link itself.
         {path("link"), {32, 0x100 | 32, 16}, {}},
         {path("dangling"), {32}, {16, 48}},
         {path("fifo"), {1}, {}},

@@ -1,5 +1,4 @@
-// Tests of the diagnostic lines: formats and priorities, the 254-character cut, the printable
-// pass, the one-time VERBOSEDEBUG decision, silence without a sink, and the out-of-memory path.
+// The diagnostic lines: format, priority, cut, printable pass, debug switch and memory failures.
 #include "ow_log.h"
 
 #include "scratch.hpp"
@@ -18,8 +17,7 @@ std::string all_lines() {
     return out;
 }
 
-// Messages are cut and made printable but never used as a format ("100%d" stays), and the
-// position names the source file without its directories.
+// A message is never used as a format; the position names the file without directories.
 TEST_F(Log, LinesCarryTheirFormatPriorityAndPrintableText) {
     ow_log_error("ow_demo", "ow_demo.cpp", 12, "failed: %d", 5);
     ow_log_debug("ow_demo", "ow_demo.cpp", 13, "step %s", "two");

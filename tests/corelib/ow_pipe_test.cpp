@@ -1,5 +1,4 @@
-// Tests of ow_pipe with real children: their argument vectors, input, output, exit codes and
-// descriptors, and the refusals.
+// ow_pipe with real children: argument vectors, input, output, exit codes and descriptors.
 #include "ow_pipe.h"
 
 #include "scratch.hpp"
@@ -13,9 +12,8 @@ namespace {
 using ow_test::refused;
 using PipeTest = ow_test::LogCaptureTest;
 
-// Started as a child with OW_PIPE_TEST_ARGV set, this program prints its own argument vector
-// as "arg|arg|...|" and ends before any test runs: the only way to see argv[0] and the word
-// boundaries exactly.
+// With OW_PIPE_TEST_ARGV set, this program only prints its argv as "arg|arg|...|": the one way
+// to see argv[0] and the word boundaries exactly.
 const bool g_printed_argv = [] {
     if (std::getenv("OW_PIPE_TEST_ARGV") == nullptr) return false;
     std::string cmdline = ow_test::slurp("/proc/self/cmdline");
@@ -69,13 +67,11 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
         {"/bin/sh", "-c \"exit 255\"", "", nullptr, "", 255},
         // A killed child cannot be told from one that exited with 0.
         {"/bin/sh", "-c \"kill -9 $$\"", "", nullptr, "", 0},
-        // More than a pipe holds: unread output is drained, and the child may answer while
-        // it is still being fed.
+        // More than a pipe holds: unread output is drained; a child may answer while fed.
         {"/bin/sh", "-c \"head -c 1048576 /dev/zero && exit 7\"", "", nullptr, "", 7},
         {"/bin/cat", nullptr, mib, read_all, mib, 0},
         {"/bin/sh", "-c \"cat && exit 4\"", mib, nullptr, "", 4},
-        // A reader that stops early closes the pipe: the child, which would write forever,
-        // ends as with any closed pipe.
+        // A reader that stops early closes the pipe: the endless writer ends on it.
         {"/usr/bin/yes", nullptr, "", read_one_byte, "y", 0},
     };
     for (const auto& c : cases) {
@@ -91,8 +87,7 @@ TEST_F(PipeTest, RunsTheChildWithItsArgumentsInputAndOutput) {
     EXPECT_NO_ERRORS();
 }
 
-// Children get standard error, the pipes they were given and nothing else, even while the
-// library holds other descriptors: a pipe handle, an open file and the relay of a writer.
+// Children get stderr and their own pipes only, not the library's handles, files or relays.
 void list_descriptors_while_writing(int32_t, void* user) {
     char* argv[] = {const_cast<char*>("ls"), const_cast<char*>("/proc/self/fd"), nullptr};
     char listing[64] = {};
