@@ -261,42 +261,42 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
     const int ro = open(file.c_str(), O_RDONLY), dir_fd = open(dir_.c_str(), O_RDONLY);
     int p[2];
     ASSERT_EQ(pipe(p), 0);
+    const int r = p[0], w = p[1];
     ASSERT_EQ(ow_test::sh("cd " + dir_ + " && ln -s loop2 loop1 && ln -s loop1 loop2"), 0);
-    const char *f = file.c_str(), *d = dst.c_str(), *none = nullptr;
+    const char *f = file.c_str(), *d = dst.c_str(), *n = no.c_str(), *none = nullptr;
     char buf[8] = {};
     uint64_t size = 0;
     const std::string inval = err(EINVAL), canceled = err(ECANCELED);
     refused("ow_open_ex", inval, {ow_open_ex(nullptr, false, O_RDONLY, 0) == -1});
     refused("ow_open_ex", err(ENOENT),
-            {ow_open_ex(no.c_str(), false, O_RDONLY, 0) == -1,
-             !ow_file_get_contents_ex(no.c_str(), &size)});
+            {ow_open_ex(n, false, O_RDONLY, 0) == -1, !ow_file_get_contents_ex(n, &size)});
     refused("ow_open_ex", "request for lock " + err(EBADF),
             {ow_open_ex(f, true, O_RDONLY, 0) == -1});
     refused("ow_close", err(EBADF), {!ow_close(987)});
     refused("ow_write", inval,
-            {!ow_write(-1, "x", 1), !ow_write(p[1], nullptr, 1), !ow_write(p[1], "x", 0)});
+            {!ow_write(-1, "x", 1), !ow_write(w, nullptr, 1), !ow_write(w, "x", 0)});
     refused("ow_write", err(EBADF), {!ow_write(ro, "x", 1)});
     refused("ow_read", "Invalid file handler!", {!ow_read(-1, buf, 1)});
     refused("ow_read", "Invalid buffer parameter!", {!ow_read(ro, nullptr, 1)});
     refused("ow_read", "Invalid read size: 0", {!ow_read(ro, buf, 0)});
     refused("ow_read", err(EISDIR), {!ow_read(dir_fd, buf, 1)});
     refused("ow_read_nonblock", inval,
-            {!ow_read_nonblock(-1, buf, 1, 1, 0, 0), !ow_read_nonblock(p[0], 0, 1, 1, 0, 0),
-             !ow_read_nonblock(p[0], buf, 0, 1, 0, 0), !ow_read_nonblock(p[0], buf, 1, 0, 0, 0)});
+            {!ow_read_nonblock(-1, buf, 1, 1, 0, 0), !ow_read_nonblock(r, 0, 1, 1, 0, 0),
+             !ow_read_nonblock(r, buf, 0, 1, 0, 0), !ow_read_nonblock(r, buf, 1, 0, 0, 0)});
     refused("ow_seek", inval, {!ow_seek(-1, 0, SEEK_SET), !ow_seek(ro, -5, SEEK_SET)});
-    refused("ow_seek", err(ESPIPE), {!ow_seek(p[0], 0, SEEK_SET)});
+    refused("ow_seek", err(ESPIPE), {!ow_seek(r, 0, SEEK_SET)});
     // -1 is reported and handed on, so the failed seek adds its own line.
     EXPECT_EQ(ow_filesize(-1), -1);
     EXPECT_ERROR_LINE("ow_filesize", inval);
     EXPECT_ERROR_LINE("ow_filesize", err(EBADF));
     clear_log();
-    refused("ow_filesize", err(ESPIPE), {ow_filesize(p[0]) == -1});
+    refused("ow_filesize", err(ESPIPE), {ow_filesize(r) == -1});
     refused("ow_truncate", inval, {!ow_truncate(-1)});
-    refused("ow_truncate", err(ESPIPE), {!ow_truncate(p[0])});
+    refused("ow_truncate", err(ESPIPE), {!ow_truncate(r)});
     refused("ow_tell", inval, {ow_tell(-1) == -1});
-    refused("ow_tell", err(ESPIPE), {ow_tell(p[0]) == -3});
+    refused("ow_tell", err(ESPIPE), {ow_tell(r) == -3});
     refused("ow_fd_get_contents_ex", inval, {!ow_fd_get_contents_ex(-1, &size)});
-    refused("ow_fd_get_contents_ex", err(ESPIPE), {!ow_fd_get_contents_ex(p[0], &size)});
+    refused("ow_fd_get_contents_ex", err(ESPIPE), {!ow_fd_get_contents_ex(r, &size)});
     refused("ow_file_get_contents_ex", inval, {!ow_file_get_contents_ex("", &size)});
     refused("ow_file_exists_ex", inval, {!ow_file_exists_ex("", 16)});
     refused("ow_file_exists_ex", "Failed to stat [" + loop + "]: " + err(ELOOP),
@@ -305,19 +305,18 @@ TEST_F(FileTest, RefusalsGiveTheFailureValueAndTheirLine) {
     refused("ow_file_executable", inval, {!ow_file_executable(none)});
     refused("ow_tmp_file", inval, {!ow_tmp_file("")});
     refused("ow_copyfile", inval, {!ow_copyfile("", f), !ow_copyfile(d, ""), !ow_copyfile(f, f)});
-    refused("ow_copyfile", canceled,
-            {!ow_copyfile(d, no.c_str()), !ow_copyfile(path("no/d").c_str(), f)});
-    refused("ow_fprintf", inval, {!ow_fprintf(-1, "x"), !ow_fprintf(p[1], none)});
+    refused("ow_copyfile", canceled, {!ow_copyfile(d, n), !ow_copyfile(path("no/d").c_str(), f)});
+    refused("ow_fprintf", inval, {!ow_fprintf(-1, "x"), !ow_fprintf(w, none)});
     // A wide character the C locale cannot convert makes the formatting itself fail.
     refused("ow_fprintf", "unknown error on vsnprintf() " + err(56),
-            {!ow_fprintf(p[1], "%ls", L"\u00e9")});
+            {!ow_fprintf(w, "%ls", L"\u00e9")});
     refused("ow_readline", inval,
             {!ow_readline(-1, buf, 8), !ow_readline(ro, nullptr, 8), !ow_readline(ro, buf, 0),
              !ow_readline(ro, buf, -1)});
-    refused("ow_readline", canceled, {!ow_readline(p[0], buf, 8)});
+    refused("ow_readline", canceled, {!ow_readline(r, buf, 8)});
     refused("__build_path", inval, {!__build_path("", "n"), !__build_path("/d", "")});
     EXPECT_EQ(slurp(file), "content") << "a refused copy onto itself lost the data";
-    for (const int fd : {ro, dir_fd, p[0], p[1]}) close(fd);
+    for (const int fd : {ro, dir_fd, r, w}) close(fd);
 }
 
 }  // namespace
