@@ -34,14 +34,13 @@ TEST_F(ClibsTest, RunAsLendsTheEffectiveIdOnlyFromRoot) {
     ow_test::sh("id ardvex-test >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin ardvex-test");
     if (getpwnam(account) == nullptr) GTEST_SKIP() << "cannot create the account " << account;
     const uid_t uid = getpwnam(account)->pw_uid;
-    EXPECT_TRUE(ow_set_run_as(account));
-    EXPECT_EQ(geteuid(), uid);
-    EXPECT_EQ(getuid(), 0u) << "the real id must stay root";
-    EXPECT_TRUE(ow_set_run_as(account)) << "already running as the account";
-    EXPECT_TRUE(ow_set_run_as("nobody")) << "from one lent account to another";
-    EXPECT_EQ(geteuid(), getpwnam("nobody")->pw_uid);
-    EXPECT_TRUE(ow_set_run_as("root") && ow_set_run_as("root"));
-    EXPECT_EQ(geteuid(), 0u);
+    std::string euids;  // after each switch; the real id stays root throughout
+    for (const char* user : {account, account, "nobody", "root", "root"}) {
+        EXPECT_TRUE(ow_set_run_as(user)) << user;
+        euids += std::to_string(geteuid()) + "/" + std::to_string(getuid()) + " ";
+    }
+    const std::string lent = std::to_string(uid) + "/0 ";
+    EXPECT_EQ(euids, lent + lent + std::to_string(getpwnam("nobody")->pw_uid) + "/0 0/0 0/0 ");
     EXPECT_NO_ERRORS();
 
     const pid_t child = fork();
