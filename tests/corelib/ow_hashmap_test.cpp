@@ -1,34 +1,23 @@
 #include "ow_hashmap.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
+#include "scratch.hpp"
 
 namespace {
 
+namespace fs = std::filesystem;
 using keys_t = std::vector<std::string>;
 
-class Hashmap : public ow_test::LogCaptureTest {
+class Hashmap : public ow_test::ScratchTest {
    protected:
     void TearDown() override {
         for (auto* m : maps_) ow_map_destroy(m);
-        LogCaptureTest::TearDown();
+        ScratchTest::TearDown();
     }
     // A (0, 0) map, destroyed with the test, holding each key with itself as value.
     ow_hashmap* make(const keys_t& keys = {}) {
@@ -55,14 +44,21 @@ class Hashmap : public ow_test::LogCaptureTest {
         EXPECT_EQ(fwd, expected);
         EXPECT_EQ(keys_t(bwd.rbegin(), bwd.rend()), expected);
     }
-    // n distinct keys that all land in the same bucket of a map with `buckets` buckets.
-    static keys_t same_bucket_keys(size_t n, uint32_t buckets, uint32_t bucket) {
+    // The first n keys "k<i>" whose hash passes `keep`.
+    static keys_t keys_where(size_t n, const std::function<bool(uint32_t)>& keep) {
         keys_t out;
         for (int i = 0; out.size() < n; ++i) {
-            std::string k = "key" + std::to_string(i);
-            if (ow_map_hash(k.c_str()) % buckets == bucket) out.push_back(k);
+            std::string k = "k" + std::to_string(i);
+            if (keep(ow_map_hash(k.c_str()))) out.push_back(k);
         }
         return out;
+    }
+    // "key=value" of the pair at position i of the iteration order, "-" when there is none.
+    static std::string at(const ow_hashmap* m, uint32_t i) {
+        const char* k = nullptr;
+        void* v = nullptr;
+        if (!ow_map_index(m, i, &k, &v)) return "-";
+        return std::string(k) + "=" + (v != nullptr ? static_cast<const char*>(v) : "");
     }
     std::vector<ow_hashmap*> maps_;
 };
@@ -146,13 +142,8 @@ TEST_F(Hashmap, ManyGrowthsKeepEveryPairAndTheInsertionOrder) {
     expect_order(big, many);
     for (const auto& k : many) ASSERT_EQ(get(big, k), k);
     // Positions below half the count are walked to from the front, the others from the back.
-    for (uint32_t i : {0u, 1u, 2499u, 2500u, 4998u, 4999u}) {
-        const char* k = nullptr;
-        void* v = nullptr;
-        ASSERT_TRUE(ow_map_index(big, i, &k, &v));
-        EXPECT_EQ(k, many[i]);
-        EXPECT_EQ(static_cast<const char*>(v), many[i]);
-    }
+    for (uint32_t i : {0u, 1u, 2499u, 2500u, 4998u, 4999u})
+        EXPECT_EQ(at(big, i), many[i] + "=" + many[i]);
     EXPECT_NO_ERRORS();
     const char* untouched = "untouched";
     EXPECT_FALSE(ow_map_index(big, 5000, &untouched, nullptr));
@@ -166,7 +157,7 @@ TEST_F(Hashmap, ManyGrowthsKeepEveryPairAndTheInsertionOrder) {
 // The 13 slots of one bucket are taken and a 14th key of that bucket arrives, by store or by
 // rename: the map must grow, and when memory runs out during the growth nothing may change.
 TEST_F(Hashmap, FullBucketGrowsOrFailsWithEveryPairInPlace) {
-    keys_t keys = same_bucket_keys(14, 5, 1);
+    keys_t keys = keys_where(14, [](uint32_t h) { return h % 5 == 1; });
     const std::string target = keys.back();
     keys.back() = "mover";  // another bucket
     ASSERT_NE(ow_map_hash("mover") % 5, 1u);
@@ -216,11 +207,8 @@ TEST_F(Hashmap, FullBucketGrowsOrFailsWithEveryPairInPlace) {
 TEST_F(Hashmap, ValuesAreReleasedPerOwnership) {
     g_freed = 0;
     ow_hashmap* m = ow_map_create(0, 0);
-    // A duplicate store changes nothing, and a value handed over without copy stays the
-    // caller's when the store fails.
+    // A value handed over without copy stays the caller's when the store fails.
     ASSERT_TRUE(put(m, "k", "first"));
-    EXPECT_FALSE(put(m, "k", "second"));
-    EXPECT_EQ(get(m, "k"), "first");
     char* mine = strdup("mine");
     EXPECT_FALSE(ow_map_store_ex(m, "k", mine, 5, false, counting_free));
     EXPECT_EQ(g_freed, 0);
@@ -272,11 +260,7 @@ TEST_F(Hashmap, RemoveAndRenameKeepTheChain) {
 // top byte (0 and 1, told apart only by the full hash and the key): every key is found in its
 // own slot, a hole is refilled in place, and only the key that overflows the bucket grows it.
 TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
-    keys_t lookalikes;
-    for (int i = 0; lookalikes.size() < 42; ++i) {
-        std::string k = "tag" + std::to_string(i);
-        if (ow_map_hash(k.c_str()) >> 24 <= 1) lookalikes.push_back(k);
-    }
+    const keys_t lookalikes = keys_where(42, [](uint32_t h) { return h >> 24 <= 1; });
     for (uint32_t width : {1u, 15u, 16u, 17u, 33u, 40u}) {
         SCOPED_TRACE(width);
         ow_hashmap* m = maps_.emplace_back(ow_map_create(1, width));
@@ -321,9 +305,7 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     ow_map_iterator it;
     ow_map_iterator_init(&it, &s);
     run_script(&it, "P:- N:zero n:zero n:two P:zero p:zero p:- n:zero n:two n:four n:- p:four");
-    const char* key = nullptr;
-    ASSERT_TRUE(ow_map_index(&s, 2, &key, nullptr));
-    EXPECT_STREQ(key, "four");
+    EXPECT_EQ(at(&s, 2), "four=");
     EXPECT_NO_ERRORS();
 
     int v = 1;
@@ -545,26 +527,20 @@ std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_h
     FILE* out = open_memstream(&text, &size);
     fn(out, m, name);
     std::fclose(out);
-    std::string s(text, size);
-    std::free(text);
-    return s;
+    const ow::unique_cstr owned(text);
+    return std::string(text, size);
 }
 void dump(FILE* out, const ow_hashmap* m, const char*) { ow_map_dump(out, m); }
 
 TEST_F(Hashmap, DumpAndStaticSourceLayOutEverySlot) {
-    ow_hashmap* one = make({"k"});
-    const std::string d = render(dump, one);
-    EXPECT_EQ(d.substr(0, d.find("0. ")), "Hashmap (5 buckets, 13 slots per bucket, 1 pairs)\n" +
-                                              std::string(53, '=') +
-                                              "\n[bucket][slot] <key>:<hash> = <pointer>\n");
-    size_t lines = 0, empty = 0;
-    for (size_t at = 0; (at = d.find('\n', at)) != std::string::npos; ++at) ++lines;
-    for (size_t at = 0; (at = d.find("<null>:00000000 = (nil)", at)) != std::string::npos; ++at) {
-        ++empty;
-    }
-    EXPECT_EQ(lines, 3u + 65);
-    EXPECT_EQ(empty, 64u);
-    EXPECT_NE(d.find("64. [4][12] "), std::string::npos);
+    ow_hashmap* two = maps_.emplace_back(ow_map_create(2, 2));
+    ASSERT_TRUE(ow_map_store_ex(two, "k", nullptr, 0, false, nullptr));  // hash 4ea585c0
+    const std::string none = "<null>:00000000 = (nil)\n";
+    EXPECT_EQ(render(dump, two), "Hashmap (2 buckets, 2 slots per bucket, 1 pairs)\n" +
+                                     std::string(53, '=') +
+                                     "\n[bucket][slot] <key>:<hash> = <pointer>\n"
+                                     "0. [0][0] k:4ea585c0 = (nil)\n1. [0][1] " +
+                                     none + "2. [1][0] " + none + "3. [1][1] " + none);
 
     ow_hashmap* m = maps_.emplace_back(ow_map_create(1, 15));
     ASSERT_TRUE(ow_map_store_ex(m, "a\"b", const_cast<char*>("v\n"), 3, true, nullptr));
@@ -601,13 +577,10 @@ std::string hex(const char* s) {
 // The generated source compiles as C11 against the public header, and the program it makes
 // fetches and iterates every awkward key and value back unchanged.
 TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
-    char dir[] = "/tmp/ow_static_map.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string d = dir;
     const keys_t awkward = {"quote\"", "back\\slash",  "new\nline\ttab", "high\xe9\xff\x80",
                             "",        "tri?\?=graph", "\x01\x7f",       "digit\0017"};
     ow_hashmap* m = make();
-    std::vector<std::string> expected;
+    keys_t expected;
     for (size_t i = 0; i < awkward.size(); ++i) {
         const std::string value = i == 4 ? "" : awkward[(i + 1) % awkward.size()] + "\"\\?";
         ASSERT_TRUE(put(m, awkward[i], value));
@@ -617,10 +590,8 @@ TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
     ASSERT_TRUE(ow_map_store_uint32(m, "n", 7));
     expected.push_back(hex("null") + " -");
     expected.push_back(hex("n") + " 7");
-    FILE* gen = std::fopen((d + "/gen.c").c_str(), "w");
-    gen_static_map_ex(gen, m, nullptr);
-    std::fclose(gen);
-    std::ofstream(d + "/main.c") << R"(#include <stdint.h>
+    ow_test::spit(path("gen.c"), render(gen_static_map_ex, m));
+    ow_test::spit(path("main.c"), R"(#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include "ow_hashmap.h"
@@ -643,50 +614,38 @@ int main(void) {
     }
     return n == static_map->num_pairs ? 0 : 3;
 }
-)";
+)");
 #ifdef __SANITIZE_ADDRESS__
     const std::string sanitize = " -fsanitize=address,undefined";
 #else
     const std::string sanitize;
 #endif
     const std::string cc = "cc -std=c11 -Wall -Wextra -pedantic -Werror" + sanitize + " -I" +
-                           ARDVEX_SOURCE_DIR + "/include -o " + d + "/prog " + d + "/main.c -L" +
-                           ARDVEX_BINARY_DIR + " -Wl,-rpath," + ARDVEX_BINARY_DIR + " -lardvex";
-    ASSERT_EQ(std::system(cc.c_str()), 0) << cc;
-    FILE* run = popen((d + "/prog").c_str(), "r");
-    std::vector<std::string> got;
-    for (char line[512]; std::fgets(line, sizeof line, run) != nullptr;) {
-        got.emplace_back(line, std::strlen(line) - 1);
-    }
-    EXPECT_EQ(pclose(run), 0);
+                           ARDVEX_SOURCE_DIR + "/include -o " + path("prog") + " " +
+                           path("main.c") + " -L" + ARDVEX_BINARY_DIR + " -Wl,-rpath," +
+                           ARDVEX_BINARY_DIR + " -lardvex";
+    ASSERT_EQ(ow_test::sh(cc), 0) << cc;
+    ASSERT_EQ(ow_test::sh(path("prog") + " > " + path("out")), 0);
+    std::istringstream out(ow_test::slurp(path("out")));
+    keys_t got;
+    for (std::string line; std::getline(out, line);) got.push_back(line);
     std::sort(got.begin(), got.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(got, expected);
-    std::filesystem::remove_all(d);
 }
 
-using Bytes = std::vector<unsigned char>;
-using Words = std::vector<uint32_t>;
-
-Bytes read_bytes(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-void write_bytes(const std::string& p, const Bytes& b) {
-    std::ofstream(p, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
-}
-uint32_t u32(const Bytes& b, size_t at) {
+uint32_t u32(const std::string& b, size_t at) {
     uint32_t v;
     std::memcpy(&v, b.data() + at, 4);
     return v;
 }
-Words words(const Bytes& b, size_t at, size_t n) {
-    Words out;
-    for (size_t i = 0; i < n; ++i) out.push_back(u32(b, at + 4 * i));
+void set32(std::string& b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
+// The words as a map file holds them.
+std::string words(std::initializer_list<uint32_t> ws) {
+    std::string out;
+    for (uint32_t w : ws) out.append(reinterpret_cast<const char*>(&w), 4);
     return out;
 }
-void set32(Bytes& b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
 // A map as text: its size, each used slot with key and value length, then the iteration order.
 std::vector<std::string> describe(const ow_hashmap* m) {
     std::vector<std::string> out{std::to_string(m->map_size)};
@@ -707,35 +666,25 @@ class MapFile : public Hashmap {
    protected:
     void SetUp() override {
         Hashmap::SetUp();
-        char tmpl[] = "/tmp/ow_mapfile.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        path_ = dir_ + "/map";
+        file_ = path("map");
     }
-    void TearDown() override {
-        std::filesystem::remove_all(dir_);
-        Hashmap::TearDown();
-    }
-    std::string dir_, path_;
+    std::string file_;
 };
 
 TEST_F(MapFile, ImageHasTheDocumentedLayout) {
     ow_hashmap* m = make();
-    ASSERT_TRUE(put(m, "a", "1") && put(m, "b", "22") && ow_map_save(m, path_.c_str(), true));
-    const Bytes b = read_bytes(path_);
-    ASSERT_EQ(b.size(), 28u + 23 + 24);
-    const uint32_t slot_a = ow_map_hash("a") % 5 * 13, slot_b = ow_map_hash("b") % 5 * 13;
-    EXPECT_EQ(words(b, 0, 7), (Words{0, 5, 13, 65, 2, slot_a, slot_b}));
-    // Records in slot order: slot, next pair's slot, flags, key and value lengths, bytes.
-    const size_t rec_a = slot_a < slot_b ? 28 : 28 + 24, rec_b = slot_a < slot_b ? 28 + 23 : 28;
-    EXPECT_EQ(words(b, rec_a, 5), (Words{slot_a, slot_b, PAIR_FLAG_COPY, 1, 2}));
-    EXPECT_EQ(std::memcmp(b.data() + rec_a + 20, "a1\0", 3), 0);
-    EXPECT_EQ(words(b, rec_b, 5), (Words{slot_b, 0, PAIR_FLAG_COPY, 1, 3}));
-    EXPECT_EQ(std::memcmp(b.data() + rec_b + 20, "b22\0", 4), 0);
+    ASSERT_TRUE(put(m, "a", "1") && put(m, "b", "22") && ow_map_save(m, file_.c_str(), true));
+    // The header (flags, geometry, pair count, first and last slot), then the records in slot
+    // order: slot, next pair's slot, flags, key and value lengths, then their bytes.
+    const uint32_t a = ow_map_hash("a") % 5 * 13, b = ow_map_hash("b") % 5 * 13;
+    const std::string rec_a = words({a, b, PAIR_FLAG_COPY, 1, 2}) + std::string("a1\0", 3);
+    const std::string rec_b = words({b, 0, PAIR_FLAG_COPY, 1, 3}) + std::string("b22\0", 4);
+    EXPECT_EQ(ow_test::slurp(file_),
+              words({0, 5, 13, 65, 2, a, b}) + (a < b ? rec_a + rec_b : rec_b + rec_a));
 
-    ASSERT_TRUE(ow_map_save(make(), path_.c_str(), true));
-    EXPECT_EQ(read_bytes(path_), Bytes(28, 0));
-    ow_hashmap* none = maps_.emplace_back(ow_map_load(path_.c_str()));
+    ASSERT_TRUE(ow_map_save(make(), file_.c_str(), true));
+    EXPECT_EQ(ow_test::slurp(file_), std::string(28, '\0'));
+    ow_hashmap* none = maps_.emplace_back(ow_map_load(file_.c_str()));
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(none->map_size, 0u);
     EXPECT_NO_ERRORS();
@@ -751,9 +700,9 @@ TEST_F(MapFile, RoundTripKeepsSlotsOrderAndValueKinds) {
     ASSERT_TRUE(
         ow_map_store_ex(m, "int32", reinterpret_cast<void*>(uintptr_t{7}), 4, false, nullptr));
     ASSERT_TRUE(ow_map_store_ex(m, "nine", const_cast<char*>("123456789"), 9, true, nullptr));
-    ASSERT_TRUE(ow_map_save(m, path_.c_str(), true));
+    ASSERT_TRUE(ow_map_save(m, file_.c_str(), true));
 
-    ow_hashmap* back = maps_.emplace_back(ow_map_load(path_.c_str()));
+    ow_hashmap* back = maps_.emplace_back(ow_map_load(file_.c_str()));
     ASSERT_NE(back, nullptr);
     EXPECT_EQ(describe(back), describe(m));
     void* v = nullptr;
@@ -766,59 +715,49 @@ TEST_F(MapFile, RoundTripKeepsSlotsOrderAndValueKinds) {
 
 TEST_F(MapFile, SaveReplacesAtomicallyAndRespectsOverwrite) {
     ow_hashmap* m = make({"k"});
-    write_bytes(path_, {'o', 'l', 'd'});
-    EXPECT_FALSE(ow_map_save(m, path_.c_str(), false));
-    EXPECT_EQ(read_bytes(path_), (Bytes{'o', 'l', 'd'}));
-    ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
-    EXPECT_TRUE(ow_map_save(m, path_.c_str(), true));
-    struct stat st {};
-    ASSERT_EQ(stat(path_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);  // a replaced file keeps its mode
-    const std::string fresh = dir_ + "/fresh";
-    ASSERT_TRUE(ow_map_save(m, fresh.c_str(), false));
-    ASSERT_EQ(stat(fresh.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
-
+    ow_test::spit(file_, "old", 0640);
+    EXPECT_FALSE(ow_map_save(m, file_.c_str(), false));
+    EXPECT_EQ(ow_test::slurp(file_), "old");
+    EXPECT_TRUE(ow_map_save(m, file_.c_str(), true));
+    EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0640));  // a replaced file keeps it
+    ASSERT_TRUE(ow_map_save(m, path("fresh").c_str(), false));
+    EXPECT_EQ(fs::status(path("fresh")).permissions(), fs::perms(0644));
     // A link at the path is replaced, never written through.
-    const std::string victim = dir_ + "/victim", link = dir_ + "/link";
-    write_bytes(victim, {'x'});
-    ASSERT_EQ(symlink(victim.c_str(), link.c_str()), 0);
-    ASSERT_TRUE(ow_map_save(m, link.c_str(), true));
-    EXPECT_EQ(read_bytes(victim), Bytes{'x'});
-    ASSERT_EQ(lstat(link.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
+    ow_test::spit(path("victim"), "x");
+    fs::create_symlink(path("victim"), path("link"));
+    ASSERT_TRUE(ow_map_save(m, path("link").c_str(), true));
+    EXPECT_EQ(ow_test::slurp(path("victim")), "x");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path("link"))));
     EXPECT_NO_ERRORS();
 
-    const std::string sub = dir_ + "/sub";
-    ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
-    EXPECT_FALSE(ow_map_save(m, sub.c_str(), true));
+    fs::create_directory(path("sub"));
+    EXPECT_FALSE(ow_map_save(m, path("sub").c_str(), true));
     EXPECT_ERROR_LINE("ow_map_save", std::string("Failed to write the data to the file during "
                                                  "save: [") +
                                          std::strerror(EISDIR) + "]");
     // Nothing is left behind next to the target: map, fresh, victim, link, sub.
-    const auto entries = std::filesystem::directory_iterator(dir_);
+    const auto entries = fs::directory_iterator(dir_);
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 5);
 
     ASSERT_TRUE(ow_map_store_ex(m, "complex", strdup("x"), 2, false, [](void* p) { free(p); }));
-    const std::string never = dir_ + "/never";
-    EXPECT_FALSE(ow_map_save(m, never.c_str(), true));
+    EXPECT_FALSE(ow_map_save(m, path("never").c_str(), true));
     EXPECT_ERROR_LINE("ow_map_save", "Cannot save complex maps!");
-    EXPECT_FALSE(std::filesystem::exists(never));
+    EXPECT_FALSE(fs::exists(path("never")));
 }
 
 TEST_F(MapFile, DamagedImagesAreRefused) {
-    ASSERT_TRUE(ow_map_save(make({"alpha", "beta", "gamma"}), path_.c_str(), true));
-    const Bytes good = read_bytes(path_);
+    ASSERT_TRUE(ow_map_save(make({"alpha", "beta", "gamma"}), file_.c_str(), true));
+    const std::string good = ow_test::slurp(file_);
     const size_t r0 = 28, r1 = r0 + 20 + u32(good, r0 + 12) + u32(good, r0 + 16);  // records
     const uint32_t slot0 = u32(good, r0), first = u32(good, 20);
     const auto at = [](size_t offset, uint32_t v) {
-        return [=](Bytes& b) { set32(b, offset, v); };
+        return [=](std::string& b) { set32(b, offset, v); };
     };
     const struct {
-        std::function<void(Bytes&)> damage;
+        std::function<void(std::string&)> damage;
         std::string message;  // after "Map file [<path>]"
     } cases[] = {
-        {[](Bytes& b) { b.resize(27); }, " is too short for a map: 27 bytes"},
+        {[](std::string& b) { b.resize(27); }, " is too short for a map: 27 bytes"},
         {at(12, 64), " has 5 buckets of 13 slots but claims 64 slots"},
         {at(16, 9), " has an impossible header (9 pairs in 65 slots, first " +
                         std::to_string(first) + ", last " + std::to_string(u32(good, 24)) + ")"},
@@ -828,10 +767,10 @@ TEST_F(MapFile, DamagedImagesAreRefused) {
         {at(r0, (slot0 + 13) % 65), ": record 0 is in slot " + std::to_string((slot0 + 13) % 65) +
                                         ", outside the bucket of its key"},
         {at(r0 + 16, 1000), " ends inside record 0"},
-        {[](Bytes& b) { b.push_back(0); }, " has 1 bytes after its last record"},
-        {[&](Bytes& b) { b[r0 + 21] = 0; }, ": record 0 has a key with a NUL byte"},
+        {[](std::string& b) { b.push_back('\0'); }, " has 1 bytes after its last record"},
+        {[&](std::string& b) { b[r0 + 21] = '\0'; }, ": record 0 has a key with a NUL byte"},
         {at(20, (first + 1) % 65), " has a broken insertion order"},  // first slot is empty
-        {[&](Bytes& b) {  // the first pair's record points back at itself
+        {[&](std::string& b) {  // the first pair's record points back at itself
              for (size_t r = 28; r < b.size(); r += 20 + u32(b, r + 12) + u32(b, r + 16)) {
                  if (u32(b, r) == first) set32(b, r + 4, first);
              }
@@ -841,35 +780,35 @@ TEST_F(MapFile, DamagedImagesAreRefused) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         clear_log();
-        Bytes b = good;
+        std::string b = good;
         c.damage(b);
-        write_bytes(path_, b);
-        EXPECT_EQ(ow_map_load(path_.c_str()), nullptr);
-        EXPECT_ERROR_LINE("ow_map_load", "Map file [" + path_ + "]" + c.message);
+        ow_test::spit(file_, b);
+        EXPECT_EQ(ow_map_load(file_.c_str()), nullptr);
+        EXPECT_ERROR_LINE("ow_map_load", "Map file [" + file_ + "]" + c.message);
     }
 
-    write_bytes(path_, good);
+    ow_test::spit(file_, good);
     const long before = ow::testing::allocation_count();
-    ow_map_destroy(ow_map_load(path_.c_str()));
+    ow_map_destroy(ow_map_load(file_.c_str()));
     const long needed = ow::testing::allocation_count() - before;
     for (long n = 1; n <= needed; ++n) {
         SCOPED_TRACE(n);
         ow::testing::fail_allocation(n);
-        ow_hashmap* partial = ow_map_load(path_.c_str());
+        ow_hashmap* partial = ow_map_load(file_.c_str());
         ow::testing::fail_allocation(0);
         EXPECT_EQ(partial, nullptr);  // every allocation is needed; ASan checks nothing leaks
         ow_map_destroy(partial);
     }
     clear_log();
-    EXPECT_EQ(ow_map_load((dir_ + "/missing").c_str()), nullptr);
+    EXPECT_EQ(ow_map_load(path("missing").c_str()), nullptr);
     EXPECT_EQ(ow_map_load(dir_.c_str()), nullptr);
     EXPECT_NO_ERRORS();
 }
 
 TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
     using Pairs = std::vector<std::pair<std::string, std::string>>;
-    const std::string unsplit = "Invalid syntax in control file: [" + path_ + "]";
-    const std::string bad_line = "Invalid syntax in control files: [" + path_ + "]";
+    const std::string unsplit = "Invalid syntax in control file: [" + file_ + "]";
+    const std::string bad_line = "Invalid syntax in control files: [" + file_ + "]";
     const struct {
         const char* text;
         int result;
@@ -887,9 +826,9 @@ TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         clear_log();
-        write_bytes(path_, Bytes(c.text, c.text + std::strlen(c.text)));
+        ow_test::spit(file_, c.text);
         ow_hashmap* out = reinterpret_cast<ow_hashmap*>(0x1);
-        ASSERT_EQ(ow_map_load_control_file(path_.c_str(), 0, '=', &out), c.result);
+        ASSERT_EQ(ow_map_load_control_file(file_.c_str(), 0, '=', &out), c.result);
         EXPECT_TRUE(c.error.empty() || ow_test::has_error("ow_map_load_control_file", c.error))
             << ow_test::dump();
         if (c.result != 1) {
@@ -904,12 +843,12 @@ TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
         EXPECT_EQ(got, c.pairs);
         ow_map_destroy(out);
     }
-    write_bytes(path_, Bytes{'a', '=', '1', '\n', 'b', '=', '2', '\n'});
+    ow_test::spit(file_, "a=1\nb=2\n");
     ow_hashmap* one = nullptr;
-    ASSERT_EQ(ow_map_load_control_file(path_.c_str(), 1, '=', &one), 1);
+    ASSERT_EQ(ow_map_load_control_file(file_.c_str(), 1, '=', &one), 1);
     EXPECT_EQ(ow_map_count(one), 1u);
     ow_map_destroy(one);
-    EXPECT_EQ(ow_map_load_control_file(path_.c_str(), 0, '\0', &one), -1);
+    EXPECT_EQ(ow_map_load_control_file(file_.c_str(), 0, '\0', &one), -1);
     EXPECT_ERROR_LINE("ow_map_load_control_file", std::strerror(EINVAL));
 }
 
