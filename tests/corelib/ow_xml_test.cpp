@@ -25,11 +25,9 @@ std::string shape(const ow_xml_node* n) {
 class Xml : public ow_test::LogCaptureTest {};
 
 TEST_F(Xml, ScannerBuildsTheTreeTheRulesGive) {
-    const struct {
-        const char* text;
-        std::string tree;
-        int end;  // index of the closing ">", -1 when none is reported
-    } cases[] = {
+    // Document, tree, index of the closing ">" (-1: none reported). An unterminated document
+    // ends every open element, without data; control bytes are skipped, yet kept in data.
+    const std::tuple<const char*, std::string, int> cases[] = {
         {"<a>hello</a> rest", "a{hello}", 11},
         {"<a> <b>x</b> </a>", "a[b{x}]", 16},
         {"<a>t<b/>u</a>", "a{t<b/>u}[b]", 12},
@@ -38,17 +36,16 @@ TEST_F(Xml, ScannerBuildsTheTreeTheRulesGive) {
         {"<a x/>", "a", 5},
         {"no element", "-", -1},
         {"</x><y>z</y>", "y{z}", 11},
-        {"<a><b><c>text", "a[b[c]]", -1},  // unterminated: every open element ends, no data
-        {"<a>\x01\xff<b>x\x7f</b>  </a>", "a[b{x\x7f}]", 19},  // skipped, yet kept in data
+        {"<a><b><c>text", "a[b[c]]", -1},
+        {"<a>\x01\xff<b>x\x7f</b>  </a>", "a[b{x\x7f}]", 19},
         {"<a>one<b>x</b>two</a>", "a{one<b>x</b>two}[b{x}]", 20},
-        {"<a\n>\tx\n</wrong>", "a{x\n}", 14},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+        {"<a\n>\tx\n</wrong>", "a{x\n}", 14}};
+    for (const auto& [text, tree, end_at] : cases) {
+        SCOPED_TRACE(text);
         const char* end = nullptr;
-        ow_xml_node* n = ow_xml_string_to_node(c.text, &end, nullptr);
-        EXPECT_EQ(shape(n), c.tree);
-        EXPECT_EQ(end == nullptr ? -1 : static_cast<int>(end - c.text), c.end);
+        ow_xml_node* n = ow_xml_string_to_node(text, &end, nullptr);
+        EXPECT_EQ(shape(n), tree);
+        EXPECT_EQ(end == nullptr ? -1 : static_cast<int>(end - text), end_at);
         ow_xml_destroy_node(n);
     }
     EXPECT_FALSE(ow_xml_string_to_node("", nullptr, nullptr) ||
