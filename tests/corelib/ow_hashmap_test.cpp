@@ -1,5 +1,3 @@
-// The map: hashing, growth, ownership of values, iteration with removal, static maps and the
-// source generated for them, the map file and control files.
 #include "ow_hashmap.h"
 
 #include <functional>
@@ -100,7 +98,7 @@ void counting_free(void* p) {
     std::free(p);
 }
 
-TEST_F(Hashmap, HashFollowsTheAlgorithmAndNullArgumentsAreRefused) {
+TEST_F(Hashmap, HashFollowsTheAlgorithmWithUnsignedTailBytes) {
     // 0xe9 counts as 233, not -23.
     const std::pair<const char*, uint32_t> cases[] = {
         {"a", 291415938u},     {"ab", 1366002500u},    {"abc", 3535673738u},
@@ -109,12 +107,8 @@ TEST_F(Hashmap, HashFollowsTheAlgorithmAndNullArgumentsAreRefused) {
     for (const auto& [key, hash] : cases) EXPECT_EQ(ow_map_hash(key), hash) << key;
     EXPECT_NO_ERRORS();
     EXPECT_EQ(ow_map_hash("") + ow_map_hash(nullptr), 0u);
-    EXPECT_FALSE(ow_map_store_ex(make(), nullptr, nullptr, 0, false, nullptr) ||
-                 ow_map_fetch(nullptr, "k", nullptr) || ow_map_iterator_start_ex(nullptr, 0));
-    for (const char* fn : {"__super_fast_hash", "ow_map_hash", "ow_map_store_ex", "ow_map_fetch",
-                           "ow_map_iterator_start_ex"}) {
-        EXPECT_ERROR_LINE(fn, std::strerror(EINVAL));
-    }
+    EXPECT_ERROR_LINE("__super_fast_hash", std::strerror(EINVAL));
+    EXPECT_ERROR_LINE("ow_map_hash", std::strerror(EINVAL));
     EXPECT_EQ(ow_map_count(nullptr), 0u);
     ow_map_destroy(nullptr);
 }
@@ -130,19 +124,13 @@ TEST_F(Hashmap, GeometryIsBounded) {
                       "Cannot create a map that big! (65536 buckets * 65537 bucket size > "
                       "UINT32_MAX)");
 
-    // Growth stops at the last prime, or where buckets * bucket size would overflow.
-    ow_hashmap at_max{}, odd{}, wide{};
+    // Growth stops at the last prime and past the table of primes.
+    ow_hashmap at_max{}, odd{};
     at_max.num_buckets = 4294967291u;
     odd.num_buckets = 3000000000u;
-    wide.num_buckets = 1164186217u;
-    wide.bucket_size = 13;
-    for (ow_hashmap* full : {&at_max, &odd, &wide}) EXPECT_FALSE(ow_map_rehash(full));
+    EXPECT_FALSE(ow_map_rehash(&at_max) || ow_map_rehash(&odd));
     EXPECT_ERROR_LINE("ow_map_rehash", "Map is at max size: 4294967291 buckets.");
     EXPECT_ERROR_LINE("ow_map_rehash", "Cannot determine new table size.");
-    EXPECT_ERROR_LINE("ow_map_create",
-                      "Cannot create a map that big! (2364114217 buckets * 13 bucket size > "
-                      "UINT32_MAX)");
-    EXPECT_ERROR_LINE("ow_map_rehash", "Cannot create new map during rehash");
 }
 
 // The 13 slots of one bucket are taken and a 14th key of that bucket arrives, by store or by
@@ -244,7 +232,6 @@ TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
 
         const uint32_t hole = width / 2;
         ASSERT_TRUE(ow_map_remove(m, keys[hole].c_str()));
-        EXPECT_EQ(get(m, keys[hole]), "<absent>");
         ASSERT_TRUE(put(m, keys[hole], "back"));
         EXPECT_EQ(m->pairs[hole]->key, keys[hole]);
         EXPECT_EQ(m->num_buckets, 1u);
@@ -280,17 +267,11 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     int v = 1;
     EXPECT_FALSE(ow_map_store_ex(&s, "x", &v, 4, false, nullptr) || ow_map_remove(&s, "two") ||
                  ow_map_rename(&s, "two", "deux") || ow_map_clear(&s) || ow_map_rehash(&s) ||
-                 ow_map_store_int32(&s, "x", 1) || ow_map_update_bool(&s, "two", true) ||
-                 ow_map_update_ex(&s, "two", &v, 4, true, nullptr) ||
-                 ow_map_shrink(&s) != nullptr || ow_map_iterator_remove(&it));
+                 ow_map_update_ex(&s, "two", &v, 4, true, nullptr) || ow_map_shrink(&s) != nullptr);
     ow_map_destroy(&s);
     EXPECT_ERROR_LINE("ow_map_store_ex", "Attempting to store entries in a static hashmap!");
-    EXPECT_ERROR_LINE("ow_map_store_int32", "Attempting to store entries in a static hashmap!");
-    EXPECT_ERROR_LINE("ow_map_update_bool", "Attempting to update entries in a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_update_ex", "Attempting to update entries in a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_remove", "Attempting to remove entries from a static hashmap!");
-    EXPECT_ERROR_LINE("ow_map_iterator_remove",
-                      "Attempting to remove entries from a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_rename", "Attempting to rename entries in a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_shrink", "Attempting to shrink a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_clear", "Attempting to clear a static hashmap!");
@@ -299,8 +280,8 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     EXPECT_EQ(ow_map_count(&s), 3u);
     // A copy of a static map is an ordinary map in the same order.
     ow_hashmap* copy = maps_.emplace_back(ow_map_copy_ex(&s, 0, 0));
-    expect_order(copy, {"zero", "two", "four"});
     EXPECT_TRUE(ow_map_remove(copy, "two"));
+    expect_order(copy, {"zero", "four"});
 }
 
 // Walk-and-delete: removing through the iterator leaves it in a gap from which both
@@ -355,13 +336,8 @@ TEST_F(Hashmap, TypedValuesLiveInTheValueWord) {
     EXPECT_TRUE(ow_map_fetch_bool(m, "b", &b) && !b);
     // Updating a private string copy releases it (LeakSanitizer would see it otherwise).
     ASSERT_TRUE(ow_map_update_int64(m, "text", 5));
-    EXPECT_EQ(m->first->length, 8u);
-    EXPECT_EQ(m->first->flags, 0u);
-    EXPECT_FALSE(ow_map_update_int32(m, "missing", 1) ||
-                 ow_map_fetch_int32(m, "missing", nullptr) ||
-                 ow_map_update_ex(m, "missing", nullptr, 0, false, nullptr));
-    EXPECT_EQ(ow_map_count(m), 8u);
-    EXPECT_ERROR_LINE("ow_map_fetch_int32", std::strerror(EINVAL));
+    EXPECT_TRUE(m->first->length == 8 && m->first->flags == 0);
+    EXPECT_FALSE(ow_map_update_int32(m, "missing", 1));  // an update never adds a pair
     // update_ex copies like a store and refuses what a store refuses.
     char text[] = "fresh";
     ASSERT_TRUE(ow_map_update_ex(m, "d", text, sizeof text, true, nullptr));
@@ -377,7 +353,7 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
     EXPECT_FALSE(ow_map_get_first_entry(m, nullptr, nullptr));
     for (const char* k : {"pear", "apple", "fig"}) ASSERT_TRUE(put(m, k, std::string(k) + "!"));
     ASSERT_TRUE(ow_map_store_uint32(m, "n", 42));
-    const char *first = nullptr, *last = nullptr, *apple = nullptr, *n = nullptr, *any = nullptr;
+    const char *first = nullptr, *last = nullptr, *apple = nullptr, *n = nullptr, *kiwi = nullptr;
     // By the bytes behind the value; a typed value by the bytes of its word. A needle must be
     // as long as the longest value it is compared with.
     const uint64_t answer = 42;
@@ -385,12 +361,7 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
                 ow_map_get_last_entry(m, &last, nullptr) &&
                 ow_map_find(m, "apple!", nullptr, &apple) && ow_map_find(m, &answer, nullptr, &n));
     EXPECT_EQ(keys_t({first, last, apple, n}), (keys_t{"pear", "n", "apple", "n"}));
-    EXPECT_FALSE(ow_map_find(m, "kiwi!!!", nullptr, &any));
-    ASSERT_TRUE(ow_map_find(
-        m, nullptr, [](const void*, const void*) { return true; }, &any));
-    uint32_t lowest = 0;
-    while (m->pairs[lowest] == nullptr) ++lowest;
-    EXPECT_STREQ(any, m->pairs[lowest]->key);
+    EXPECT_FALSE(ow_map_find(m, "kiwi!!!", nullptr, &kiwi));
 
     const auto by_string = [](const void* a, const void* b) {
         return std::strcmp(*static_cast<char* const*>(a), *static_cast<char* const*>(b));
@@ -404,8 +375,7 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
     EXPECT_NO_ERRORS();
 }
 
-// Values the source owns are copied; shared values are released once, by their last holder,
-// whichever map goes first. ASan would report a double free or a use after free.
+// Values the source owns are copied; shared ones are released once, by their last holder.
 TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
     for (bool source_first : {true, false}) {
         SCOPED_TRACE(source_first);
@@ -419,15 +389,12 @@ TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
         ow_hashmap* copy2 = ow_map_copy_ex(copy, 1, 2);  // grows past 1 x 2
         ASSERT_NE(copy2, nullptr);
         expect_order(copy2, {"copy", "shared", "gone", "n"});
-        EXPECT_GT(copy2->map_size, 2u);
         void *a = nullptr, *b = nullptr, *c = nullptr, *d = nullptr;
         ASSERT_TRUE(ow_map_fetch(src, "copy", &a) && ow_map_fetch(copy, "copy", &b) &&
                     ow_map_fetch(src, "shared", &c) && ow_map_fetch(copy, "shared", &d));
         EXPECT_TRUE(a != b && c == d);
         EXPECT_TRUE(ow_map_remove(copy, "gone") && ow_map_update_int32(copy2, "gone", 1));
         EXPECT_EQ(g_freed, 0);
-        int32_t n = 0;
-        EXPECT_TRUE(ow_map_fetch_int32(copy2, "n", &n) && n == -3);
         ow_map_destroy(source_first ? src : copy2);
         ow_map_destroy(copy);
         EXPECT_EQ(g_freed, source_first ? 1 : 0);  // "gone" goes with its last holder, src
@@ -464,19 +431,6 @@ std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_h
     const ow::unique_cstr owned(text);
     return std::string(text, size);
 }
-void dump(FILE* out, const ow_hashmap* m, const char*) { ow_map_dump(out, m); }
-
-TEST_F(Hashmap, DumpShowsEverySlotOfEveryBucket) {
-    ow_hashmap* two = maps_.emplace_back(ow_map_create(2, 2));
-    ASSERT_TRUE(ow_map_store_ex(two, "k", nullptr, 0, false, nullptr));  // hash 4ea585c0
-    const std::string none = "<null>:00000000 = (nil)\n";
-    EXPECT_EQ(render(dump, two), "Hashmap (2 buckets, 2 slots per bucket, 1 pairs)\n" +
-                                     std::string(53, '=') +
-                                     "\n[bucket][slot] <key>:<hash> = <pointer>\n"
-                                     "0. [0][0] k:4ea585c0 = (nil)\n1. [0][1] " +
-                                     none + "2. [1][0] " + none + "3. [1][1] " + none);
-}
-
 // The generated source compiles as C11 against the public header, and the program it makes
 // fetches and iterates every awkward key and value back unchanged.
 TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
@@ -489,8 +443,8 @@ TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
         ASSERT_TRUE(put(m, awkward[i], value));
         expected.insert(awkward[i] + "=" + value);
     }
-    ASSERT_TRUE(ow_map_store_ex(m, "null", nullptr, 0, false, nullptr));
-    ASSERT_TRUE(ow_map_store_uint32(m, "n", 7));
+    ASSERT_TRUE(ow_map_store_ex(m, "null", nullptr, 0, false, nullptr) &&
+                ow_map_store_uint32(m, "n", 7));
     ow_test::spit(path("gen.c"), render(gen_static_map_ex, m, "cache"));
     // Each key and value goes out NUL-terminated: no byte of theirs can be mistaken for the end.
     ow_test::spit(path("main.c"), R"(#include <stdint.h>
@@ -546,37 +500,29 @@ std::string words(std::initializer_list<uint32_t> ws) {
 
 // The map file and control files: the exact byte layout, round trips that keep slots and
 // iteration order, the atomic replace, every refusal of a damaged image, the control syntax.
-class MapFile : public Hashmap {
-   protected:
-    void SetUp() override {
-        Hashmap::SetUp();
-        file_ = path("map");
-    }
-    std::string file_;
-};
+using MapFile = Hashmap;
 
 TEST_F(MapFile, ImageHasTheDocumentedLayout) {
+    const std::string file = path("map");
     ow_hashmap* m = make();
-    ASSERT_TRUE(put(m, "a", "1") && put(m, "b", "22") && ow_map_save(m, file_.c_str(), true));
+    ASSERT_TRUE(put(m, "a", "1") && put(m, "b", "22") && ow_map_save(m, file.c_str(), true));
     // The header (flags, geometry, pair count, first and last slot), then the records in slot
     // order: slot, next pair's slot, flags, key and value lengths, then their bytes.
     const uint32_t a = ow_map_hash("a") % 5 * 13, b = ow_map_hash("b") % 5 * 13;
     const std::string rec_a = words({a, b, PAIR_FLAG_COPY, 1, 2}) + std::string("a1\0", 3);
     const std::string rec_b = words({b, 0, PAIR_FLAG_COPY, 1, 3}) + std::string("b22\0", 4);
-    EXPECT_EQ(ow_test::slurp(file_),
+    EXPECT_EQ(ow_test::slurp(file),
               words({0, 5, 13, 65, 2, a, b}) + (a < b ? rec_a + rec_b : rec_b + rec_a));
 
-    ASSERT_TRUE(ow_map_save(make(), file_.c_str(), true));
-    EXPECT_EQ(ow_test::slurp(file_), std::string(28, '\0'));
-    ow_hashmap* none = maps_.emplace_back(ow_map_load(file_.c_str()));
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(none->map_size, 0u);
+    ASSERT_TRUE(ow_map_save(make(), file.c_str(), true));
+    EXPECT_EQ(ow_test::slurp(file), std::string(28, '\0'));
+    EXPECT_EQ(maps_.emplace_back(ow_map_load(file.c_str()))->map_size, 0u);
     EXPECT_NO_ERRORS();
 }
 
-// Thousands of pairs: many growths keep the insertion order, and the file keeps it too, along
-// with every slot and the kind of each value.
+// Thousands of pairs: growths keep the insertion order, the file keeps that and every slot.
 TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
+    const std::string file = path("map");
     ow_hashmap* m = make();
     keys_t keys, kept;
     std::mt19937 rng(7);
@@ -594,22 +540,17 @@ TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
     ASSERT_TRUE(
         ow_map_store_ex(m, "int32", reinterpret_cast<void*>(uintptr_t{7}), 4, false, nullptr));
     ASSERT_TRUE(ow_map_store_ex(m, "nine", const_cast<char*>("123456789"), 9, true, nullptr));
-    ASSERT_TRUE(ow_map_save(m, file_.c_str(), true));
+    ASSERT_TRUE(ow_map_save(m, file.c_str(), true));
 
-    ow_hashmap* back = maps_.emplace_back(ow_map_load(file_.c_str()));
+    ow_hashmap* back = maps_.emplace_back(ow_map_load(file.c_str()));
     ASSERT_NE(back, nullptr);
-    // Saved again, it gives the same image: same geometry, slots, chain and value bytes.
+    // Saved again, it gives the same image: same geometry, slots, chain, flags and value
+    // bytes, so an inline value came back inline and a copied one as a copy.
     ASSERT_TRUE(ow_map_save(back, path("again").c_str(), true));
-    EXPECT_EQ(ow_test::slurp(path("again")), ow_test::slurp(file_));
-    void *v = nullptr, *nine = nullptr;
-    ASSERT_TRUE(ow_map_fetch(back, "int32", &v) && ow_map_fetch(back, "nine", &nine));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(v), 7u);  // inline again
-    EXPECT_EQ(std::memcmp(nine, "123456789", 9), 0);
+    EXPECT_EQ(ow_test::slurp(path("again")), ow_test::slurp(file));
     EXPECT_NO_ERRORS();
 
-    const char* untouched = "untouched";
-    EXPECT_FALSE(ow_map_index(m, 2002, &untouched, nullptr));
-    EXPECT_STREQ(untouched, "untouched");
+    EXPECT_FALSE(ow_map_index(m, 2002, nullptr, nullptr));
     EXPECT_ERROR_LINE("ow_map_index", std::strerror(EINVAL));
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_map_index(m, 1, nullptr, nullptr));
@@ -617,12 +558,13 @@ TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
 }
 
 TEST_F(MapFile, SaveReplacesAtomicallyAndRespectsOverwrite) {
+    const std::string file = path("map");
     ow_hashmap* m = make({"k"});
-    ow_test::spit(file_, "old", 0640);
-    EXPECT_FALSE(ow_map_save(m, file_.c_str(), false));
-    EXPECT_EQ(ow_test::slurp(file_), "old");
-    EXPECT_TRUE(ow_map_save(m, file_.c_str(), true));
-    EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0640));  // a replaced file keeps it
+    ow_test::spit(file, "old", 0640);
+    EXPECT_FALSE(ow_map_save(m, file.c_str(), false));
+    EXPECT_EQ(ow_test::slurp(file), "old");
+    EXPECT_TRUE(ow_map_save(m, file.c_str(), true));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640));  // a replaced file keeps it
     ASSERT_TRUE(ow_map_save(m, path("fresh").c_str(), false));
     EXPECT_EQ(fs::status(path("fresh")).permissions(), fs::perms(0644));
     // A link at the path is replaced, never written through.
@@ -648,8 +590,9 @@ TEST_F(MapFile, SaveReplacesAtomicallyAndRespectsOverwrite) {
 }
 
 TEST_F(MapFile, DamagedImagesAreRefused) {
-    ASSERT_TRUE(ow_map_save(make({"alpha", "beta", "gamma"}), file_.c_str(), true));
-    const std::string good = ow_test::slurp(file_);
+    const std::string file = path("map");
+    ASSERT_TRUE(ow_map_save(make({"alpha", "beta", "gamma"}), file.c_str(), true));
+    const std::string good = ow_test::slurp(file);
     // Records 0, 1 and 2 in slot order, and the one of the first pair in insertion order.
     const size_t r1 = 48 + u32(good, 40) + u32(good, 44);
     const size_t r2 = r1 + 20 + u32(good, r1 + 12) + u32(good, r1 + 16);
@@ -681,32 +624,29 @@ TEST_F(MapFile, DamagedImagesAreRefused) {
     for (const auto& [image, message] : cases) {
         SCOPED_TRACE(message);
         clear_log();
-        ow_test::spit(file_, image);
-        EXPECT_EQ(ow_map_load(file_.c_str()), nullptr);
-        EXPECT_ERROR_LINE("ow_map_load", "Map file [" + file_ + "]" + message);
+        ow_test::spit(file, image);
+        EXPECT_EQ(ow_map_load(file.c_str()), nullptr);
+        EXPECT_ERROR_LINE("ow_map_load", "Map file [" + file + "]" + message);
     }
 
-    ow_test::spit(file_, good);
+    ow_test::spit(file, good);
     const long before = ow::testing::allocation_count();
-    ow_map_destroy(ow_map_load(file_.c_str()));
+    ow_map_destroy(ow_map_load(file.c_str()));
     const long needed = ow::testing::allocation_count() - before;
+    // Every allocation is needed; ASan checks nothing leaks.
     for (long n = 1; n <= needed; ++n) {
-        SCOPED_TRACE(n);
         ow::testing::fail_allocation(n);
-        ow_hashmap* partial = ow_map_load(file_.c_str());
-        ow::testing::fail_allocation(0);
-        EXPECT_EQ(partial, nullptr);  // every allocation is needed; ASan checks nothing leaks
-        ow_map_destroy(partial);
+        EXPECT_EQ(maps_.emplace_back(ow_map_load(file.c_str())), nullptr) << n;
     }
     clear_log();
     EXPECT_EQ(ow_map_load(path("missing").c_str()), nullptr);
-    EXPECT_EQ(ow_map_load(dir_.c_str()), nullptr);
     EXPECT_NO_ERRORS();
 }
 
 TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
-    const std::string unsplit = "Invalid syntax in control file: [" + file_ + "]";
-    const std::string bad_line = "Invalid syntax in control files: [" + file_ + "]";
+    const std::string file = path("map");
+    const std::string unsplit = "Invalid syntax in control file: [" + file + "]";
+    const std::string bad_line = "Invalid syntax in control files: [" + file + "]";
     const struct {
         const char* text;
         uint32_t max;
@@ -724,19 +664,16 @@ TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
         {"", 0, 0, "-", ""},
     };
     ow_hashmap untouched{};
-    ow_hashmap* out = &untouched;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         clear_log();
-        ow_test::spit(file_, c.text);
-        out = &untouched;
-        ASSERT_EQ(ow_map_load_control_file(file_.c_str(), c.max, '=', &out), c.result);
+        ow_test::spit(file, c.text);
+        ow_hashmap* out = &untouched;
+        ASSERT_EQ(ow_map_load_control_file(file.c_str(), c.max, '=', &out), c.result);
         EXPECT_TRUE(c.error.empty() || ow_test::has_error("ow_map_load_control_file", c.error))
             << ow_test::dump();
         EXPECT_EQ(out == &untouched ? "-" : contents(maps_.emplace_back(out)), c.pairs);
     }
-    EXPECT_EQ(ow_map_load_control_file(file_.c_str(), 0, '\0', &out), -1);
-    EXPECT_ERROR_LINE("ow_map_load_control_file", std::strerror(EINVAL));
 }
 
 }  // namespace

@@ -12,12 +12,9 @@ std::string shape(const ow_xml_node* n) {
     if (n == nullptr) return "-";
     std::string s = n->name != nullptr ? n->name : "?";
     if (n->data != nullptr) s += "{" + std::string(n->data) + "}";
-    if (n->children != nullptr) {
-        s += "[";
-        for (const ow_list* c = n->children; c != nullptr; c = c->next) {
-            s += shape(static_cast<const ow_xml_node*>(c->data)) + (c->next ? "," : "");
-        }
-        s += "]";
+    for (const ow_list* c = n->children; c != nullptr; c = c->next) {
+        s += (c == n->children ? "[" : ",") + shape(static_cast<const ow_xml_node*>(c->data)) +
+             (c->next != nullptr ? "" : "]");
     }
     return s;
 }
