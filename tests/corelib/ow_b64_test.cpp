@@ -56,11 +56,12 @@ TEST_F(Base64, VectorsBothWaysWhereTheDecoderStopsAndRefusals) {
     ow_test::refused(
         "ow_base64_decode_ex", std::strerror(EINVAL),
         {!ow_base64_decode_ex(nullptr, "TWFu", &length), !ow_base64_decode_ex(&out_, "", &length)});
+    char* const kept = out_;
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_base64_encode_ex(&out_, "x", 1));
     ow::testing::fail_allocation(1);
     EXPECT_FALSE(ow_base64_decode_ex(&out_, "TWFu", &length));
-    EXPECT_STREQ(out_, "////");  // the last result, untouched
+    EXPECT_EQ(out_, kept);
     EXPECT_ERROR_LINE("ow_base64_encode_ex", std::strerror(ENOMEM));
     EXPECT_ERROR_LINE("ow_base64_decode_ex", std::strerror(ENOMEM));
 }
