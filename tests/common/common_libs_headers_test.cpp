@@ -1,5 +1,4 @@
-// Mail header folding and the suite tool launchers. The launchers run in a child with a
-// private mount namespace and a tmpfs over the suite's bin directory.
+// Mail header folding and the suite tool launchers.
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -44,7 +43,6 @@ TEST_F(Headers, FoldingBreaksBeforeWhiteSpaceAndKeepsEveryByte) {
     for (const auto& [header, folded] : cases) EXPECT_EQ(fold(header), folded) << header;
     EXPECT_ERROR_LINE("fold_header", "Invalid header, header name exceeds 76 characters");
     EXPECT_ERROR_LINE("fold_header", "Invalid header, no colon found");
-    EXPECT_EQ(ow_test::error_count(), 2u);
     EXPECT_EQ(fold_header(nullptr, nullptr), nullptr);
     clear_log();
     FILE* out = std::fopen(path("out").c_str(), "w");
@@ -58,8 +56,8 @@ TEST_F(Headers, FoldingBreaksBeforeWhiteSpaceAndKeepsEveryByte) {
     EXPECT_EQ(fprintf_header(stdout, nullptr), -1);
 }
 
-// In a child that owns its mount namespace, writes "<status>|<standard output>" of each
-// launcher scenario to `results`.
+// In a child with its own mount namespace and a tmpfs over the suite's bin directory, writes
+// "<status>|<standard output>" of each launcher scenario to `results`.
 [[noreturn]] void run_launchers(const std::string& results) {
     fs::path top = ARDVEX_SUITE_BIN_DIR;
     while (!fs::exists(top)) top = top.parent_path();

@@ -1,5 +1,4 @@
-// Base64: the RFC 4648 vectors both ways (every padding case), the decoder's stopping and
-// refusal rules, and the failure lines.
+// Base64: the RFC 4648 vectors both ways, the decoder's stopping and refusal rules.
 #include "ow_b64.h"
 
 #include "ow_internal.hpp"

@@ -133,13 +133,11 @@ TEST_F(Hashmap, GeometryIsBounded) {
     EXPECT_ERROR_LINE("ow_map_rehash", "Cannot determine new table size.");
 }
 
-// The 13 slots of one bucket are taken and a 14th key of that bucket arrives, by store or by
-// rename: the map must grow, and when memory runs out during the growth nothing may change.
+// A 14th key for a full bucket of 13, stored or renamed: the map grows, or nothing changes.
 TEST_F(Hashmap, FullBucketGrowsOrFailsWithEveryPairInPlace) {
     keys_t keys = keys_where(14, [](uint32_t h) { return h % 5 == 1; });
     const std::string target = keys.back();
     keys.back() = "mover";  // another bucket
-    ASSERT_NE(ow_map_hash("mover") % 5, 1u);
     ow_hashmap* m = make(keys);
     const auto unchanged = [&] {
         EXPECT_EQ(m->num_buckets, 5u);
@@ -166,6 +164,8 @@ TEST_F(Hashmap, FullBucketGrowsOrFailsWithEveryPairInPlace) {
                                            "] for map entry rename! Map may be corrupted!");
     unchanged();
 
+    // A rename never overwrites, nor makes a pair up.
+    EXPECT_FALSE(ow_map_rename(m, "mover", keys[0].c_str()) || ow_map_rename(m, "no", "z"));
     ASSERT_TRUE(ow_map_rename(m, "mover", target.c_str()));
     EXPECT_EQ(m->num_buckets, 11u);  // the next prime
     EXPECT_EQ(get(m, target), "mover");
@@ -208,16 +208,10 @@ TEST_F(Hashmap, ValuesAreReleasedPerOwnership) {
     EXPECT_FALSE(ow_map_store_ex(make(), "x", &stack_value, 4, true, counting_free));
     EXPECT_ERROR_LINE("ow_map_store_ex",
                       "Cannot request 'copy' and specify a freefn that isn't 'void free(void *)'");
-    // The empty key is an ordinary key; a renamed pair keeps its place in the order.
-    ow_hashmap* r = make({"a", "", "b", "c"});
-    EXPECT_TRUE(ow_map_remove(r, "") && !ow_map_remove(r, "") && ow_map_rename(r, "b", "new"));
-    EXPECT_FALSE(ow_map_rename(r, "a", "c") || ow_map_rename(r, "b", "z"));
-    EXPECT_EQ(contents(r), "a=a new=b c=c");
 }
 
-// Buckets narrower and wider than one 16-slot scan, filled with keys whose hashes share their
-// top byte (0 and 1, told apart only by the full hash and the key): every key is found in its
-// own slot, a hole is refilled in place, and only the key that overflows the bucket grows it.
+// Buckets narrower and wider than one 16-slot scan, of keys whose hashes share the top byte:
+// each key in its own slot, a hole refilled in place, only an overflowing key grows the map.
 TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
     const keys_t lookalikes = keys_where(42, [](uint32_t h) { return h >> 24 <= 1; });
     for (uint32_t width : {1u, 15u, 16u, 17u, 33u, 40u}) {
@@ -277,15 +271,14 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
     EXPECT_ERROR_LINE("ow_map_clear", "Attempting to clear a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_rehash", "Attempting to rehash a static hashmap!");
     EXPECT_ERROR_LINE("ow_map_destroy", "Attempting to destroy a static hashmap!");
-    EXPECT_EQ(ow_map_count(&s), 3u);
     // A copy of a static map is an ordinary map in the same order.
     ow_hashmap* copy = maps_.emplace_back(ow_map_copy_ex(&s, 0, 0));
     EXPECT_TRUE(ow_map_remove(copy, "two"));
     expect_order(copy, {"zero", "four"});
 }
 
-// Walk-and-delete: removing through the iterator leaves it in a gap from which both
-// directions go on; first and last pairs included. ASan turns any stale pointer into a failure.
+// Removing through the iterator leaves it in a gap both directions go on from (ASan: no stale
+// pointer), first and last pairs included.
 TEST_F(Hashmap, IteratorRemoveLeavesAGapBothDirectionsLeave) {
     const struct {
         uint32_t direction;
@@ -320,17 +313,12 @@ TEST_F(Hashmap, TypedValuesLiveInTheValueWord) {
                 ow_map_store_float(m, "f", 0.25f) && ow_map_store_uint32(m, "u32", 7) &&
                 ow_map_store_bool(m, "b", true));
     EXPECT_FALSE(ow_map_store_bool(m, "b", false));  // the key exists: the first value stays
-    uint32_t u32 = 0;
-    int64_t i64 = 0;
-    uint64_t u64 = 0;
-    double d = 0;
-    float f = 0;
-    bool b = false;
+    std::tuple<uint32_t, int64_t, uint64_t, double, float, bool> got{};
+    auto& [u32, i64, u64, d, f, b] = got;
     EXPECT_TRUE(ow_map_fetch_uint32(m, "i32", &u32) && ow_map_fetch_int64(m, "i64", &i64) &&
                 ow_map_fetch_uint64(m, "u64", &u64) && ow_map_fetch_double(m, "d", &d) &&
                 ow_map_fetch_float(m, "f", &f) && ow_map_fetch_bool(m, "b", &b));
-    EXPECT_EQ(std::tuple(u32, i64, u64, d, f, b),
-              std::tuple(4294967295u, INT64_MIN, ~0ull, -2.5, 0.25f, true));
+    EXPECT_EQ(got, std::tuple(4294967295u, INT64_MIN, ~0ull, -2.5, 0.25f, true));
     EXPECT_EQ(m->last->length, 1u);
     ASSERT_TRUE(ow_map_update_bool(m, "b", false));
     EXPECT_TRUE(ow_map_fetch_bool(m, "b", &b) && !b);
@@ -354,8 +342,7 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
     for (const char* k : {"pear", "apple", "fig"}) ASSERT_TRUE(put(m, k, std::string(k) + "!"));
     ASSERT_TRUE(ow_map_store_uint32(m, "n", 42));
     const char *first = nullptr, *last = nullptr, *apple = nullptr, *n = nullptr, *kiwi = nullptr;
-    // By the bytes behind the value; a typed value by the bytes of its word. A needle must be
-    // as long as the longest value it is compared with.
+    // By the bytes behind the value, or of a typed value's word; the needle spans the longest.
     const uint64_t answer = 42;
     EXPECT_TRUE(ow_map_get_first_entry(m, &first, nullptr) &&
                 ow_map_get_last_entry(m, &last, nullptr) &&
@@ -371,7 +358,6 @@ TEST_F(Hashmap, FirstLastFindSortAndSize) {
     EXPECT_EQ(ow_map_memory_size(m), sizeof(ow_hashmap) + 65 * sizeof(void*) +
                                          4 * sizeof(hash_pair_t) + (5 + 6) + (6 + 7) + (4 + 5) +
                                          (2 + 4));
-    EXPECT_EQ(ow_map_memory_size(nullptr), 0u);
     EXPECT_NO_ERRORS();
 }
 
@@ -413,12 +399,10 @@ TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
         EXPECT_EQ(ow_map_copy_ex(six, 0, 0), nullptr);
         EXPECT_ERROR_LINE(failures[n - 1].first, failures[n - 1].second);
     }
-    clear_log();
     ow_hashmap* small = maps_.emplace_back(ow_map_shrink(six));
     ASSERT_NE(small, nullptr);
     EXPECT_EQ(std::pair(small->num_buckets, small->bucket_size), std::pair(1u, 6u));
     EXPECT_EQ(contents(small), "a=a b=b c=c d=d e=e f=f");
-    EXPECT_NO_ERRORS();
 }
 
 std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_hashmap* m,
@@ -431,8 +415,7 @@ std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_h
     const ow::unique_cstr owned(text);
     return std::string(text, size);
 }
-// The generated source compiles as C11 against the public header, and the program it makes
-// fetches and iterates every awkward key and value back unchanged.
+// The generated source compiles as C11 and gives back every awkward key and value unchanged.
 TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
     const keys_t awkward = {"quote\"", "back\\slash",  "new\nline\ttab", "high\xe9\xff\x80",
                             "",        "tri?\?=graph", "\x01\x7f",       "digit\0017"};
@@ -491,23 +474,20 @@ uint32_t u32(const std::string& b, size_t at) {
     std::memcpy(&v, b.data() + at, 4);
     return v;
 }
-// The words as a map file holds them.
 std::string words(std::initializer_list<uint32_t> ws) {
     std::string out;
     for (uint32_t w : ws) out.append(reinterpret_cast<const char*>(&w), 4);
     return out;
 }
 
-// The map file and control files: the exact byte layout, round trips that keep slots and
-// iteration order, the atomic replace, every refusal of a damaged image, the control syntax.
 using MapFile = Hashmap;
 
 TEST_F(MapFile, ImageHasTheDocumentedLayout) {
     const std::string file = path("map");
     ow_hashmap* m = make();
     ASSERT_TRUE(put(m, "a", "1") && put(m, "b", "22") && ow_map_save(m, file.c_str(), true));
-    // The header (flags, geometry, pair count, first and last slot), then the records in slot
-    // order: slot, next pair's slot, flags, key and value lengths, then their bytes.
+    // Header: flags, geometry, pairs, first and last slot; records in slot order: slot, next
+    // pair's slot, flags, key and value lengths, then their bytes.
     const uint32_t a = ow_map_hash("a") % 5 * 13, b = ow_map_hash("b") % 5 * 13;
     const std::string rec_a = words({a, b, PAIR_FLAG_COPY, 1, 2}) + std::string("a1\0", 3);
     const std::string rec_b = words({b, 0, PAIR_FLAG_COPY, 1, 3}) + std::string("b22\0", 4);
@@ -517,7 +497,6 @@ TEST_F(MapFile, ImageHasTheDocumentedLayout) {
     ASSERT_TRUE(ow_map_save(make(), file.c_str(), true));
     EXPECT_EQ(ow_test::slurp(file), std::string(28, '\0'));
     EXPECT_EQ(maps_.emplace_back(ow_map_load(file.c_str()))->map_size, 0u);
-    EXPECT_NO_ERRORS();
 }
 
 // Thousands of pairs: growths keep the insertion order, the file keeps that and every slot.
@@ -542,10 +521,8 @@ TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
     ASSERT_TRUE(ow_map_store_ex(m, "nine", const_cast<char*>("123456789"), 9, true, nullptr));
     ASSERT_TRUE(ow_map_save(m, file.c_str(), true));
 
+    // Loaded and saved again, the same image: slots, chain, flags, inline and copied values.
     ow_hashmap* back = maps_.emplace_back(ow_map_load(file.c_str()));
-    ASSERT_NE(back, nullptr);
-    // Saved again, it gives the same image: same geometry, slots, chain, flags and value
-    // bytes, so an inline value came back inline and a copied one as a copy.
     ASSERT_TRUE(ow_map_save(back, path("again").c_str(), true));
     EXPECT_EQ(ow_test::slurp(path("again")), ow_test::slurp(file));
     EXPECT_NO_ERRORS();

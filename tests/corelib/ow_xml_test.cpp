@@ -1,5 +1,4 @@
-// The XML reader: the scanner's rules as a table of documents and the trees they give,
-// deep nesting, lookup, attributes, printing and out-of-memory paths.
+// The XML reader: the scanner's rules, deep nesting, lookup, attributes, printing, no memory.
 #include "ow_xml.h"
 
 #include "ow_internal.hpp"
@@ -50,8 +49,7 @@ TEST_F(Xml, ScannerBuildsTheTreeTheRulesGive) {
     EXPECT_NO_ERRORS();
 }
 
-// Nesting deeper than any call stack could hold: reading, searching and releasing it use the
-// heap only.
+// Nesting deeper than any call stack could hold: reading, searching and releasing use the heap.
 TEST_F(Xml, DeepNestingNeedsNoStack) {
     ow_set_log_function(nullptr);  // a million DEBUG lines would only slow this down
     std::string open, close;
@@ -101,11 +99,9 @@ TEST_F(Xml, OutOfMemoryReleasesEverything) {
     const long needed = ow::testing::allocation_count() - before;
     ASSERT_GT(needed, 5);
     for (long n = 1; n <= needed; ++n) {
-        SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
-        EXPECT_EQ(ow_xml_string_to_node(doc, nullptr, nullptr), nullptr);  // LSan: no leak
-        ow::testing::fail_allocation(0);
+        EXPECT_EQ(ow_xml_string_to_node(doc, nullptr, nullptr), nullptr) << n;  // LSan: no leak
         EXPECT_ERROR_LINE("ow_xml_string_to_node", std::strerror(ENOMEM));
     }
 }
