@@ -415,6 +415,43 @@ std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_h
     const ow::unique_cstr owned(text);
     return std::string(text, size);
 }
+// Both texts are read by people and programs outside the library: their layout is fixed.
+TEST_F(Hashmap, DumpAndStaticSourceLayOutEverySlot) {
+    const std::string d =
+        render([](FILE* o, const ow_hashmap* m, const char*) { ow_map_dump(o, m); }, make({"k"}));
+    EXPECT_EQ(d.substr(0, d.find("0. ")), "Hashmap (5 buckets, 13 slots per bucket, 1 pairs)\n" +
+                                              std::string(53, '=') +
+                                              "\n[bucket][slot] <key>:<hash> = <pointer>\n");
+    EXPECT_EQ(std::count(d.begin(), d.end(), '\n'), 3 + 65);
+    size_t empty = 0;
+    for (size_t at = 0; (at = d.find("<null>:00000000 = (nil)\n", at)) != std::string::npos; ++at)
+        ++empty;
+    EXPECT_EQ(empty, 64u);
+    EXPECT_NE(d.find("\n64. [4][12] "), std::string::npos);
+
+    ow_hashmap* m = maps_.emplace_back(ow_map_create(1, 15));
+    ASSERT_TRUE(ow_map_store_ex(m, "a\"b", const_cast<char*>("v\n"), 3, true, nullptr) &&
+                ow_map_store_int32(m, "n", 7));
+    char slots[160];
+    std::snprintf(slots, sizeof slots,
+                  "        SLOT(0x%x, \"a\\\"b\", \"v\\012\", 0x0),\n"
+                  "        SLOT(0x%x, \"n\", (void*)0x7ull, 0x0),\n",
+                  ow_map_hash("a\"b"), ow_map_hash("n"));
+    EXPECT_EQ(render(gen_static_map_ex, m, "cache"),
+              "const ow_hashmap *cache = &(const ow_hashmap){\n   .flags = MAP_FLAG_STATIC,\n"
+              "   .num_buckets = 1,\n   .bucket_size = 15,\n   .map_size = 15,\n"
+              "   .num_pairs = 2,\n   .const_pairs = (const hash_pair_t *[]) {\n" +
+                  std::string(slots) +
+                  "        NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL,\n"
+                  "        NULL, NULL, NULL\n    }\n};\n");
+    ow_hashmap* perfect = maps_.emplace_back(ow_map_create(1, 1));
+    ASSERT_TRUE(ow_map_store_ex(perfect, "p", nullptr, 0, false, nullptr));
+    EXPECT_EQ(render(gen_static_map_ex, perfect).substr(0, 95),
+              "// \\(^_^)/ Yay! A perfect hashmap! (num pairs == num buckets)\n"
+              "const ow_hashmap *static_map = &(");
+    EXPECT_NO_ERRORS();
+}
+
 // The generated source compiles as C11 and gives back every awkward key and value unchanged.
 TEST_F(Hashmap, StaticSourceCompilesAndReadsBackEveryPair) {
     const keys_t awkward = {"quote\"", "back\\slash",  "new\nline\ttab", "high\xe9\xff\x80",
