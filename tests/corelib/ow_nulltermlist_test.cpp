@@ -25,21 +25,16 @@ class NullTermListTest : public ow_test::LogCaptureTest {
 };
 
 TEST_F(NullTermListTest, SplodeCutsAtEveryDelimiter) {
-    const struct {
-        const char* input;
-        char delim;
-        bool keep_empty;
-        strings expected;
-    } cases[] = {
+    const std::tuple<const char*, char, bool, strings> cases[] = {
         {"ls -l  /tmp", ' ', false, {"ls", "-l", "/tmp"}},
         {"ls -l  /tmp", ' ', true, {"ls", "-l", "", "/tmp"}},
         {",a,", ',', true, {"", "a", ""}},
         {",,,", ',', false, {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string("[") + c.input + "] keep_empty=" + (c.keep_empty ? "1" : "0"));
-        EXPECT_TRUE(ow_lstsplode_ex(&list_, c.input, c.delim, c.keep_empty));
-        EXPECT_EQ(entries(list_), c.expected);
+    for (const auto& [input, delim, keep_empty, expected] : cases) {
+        SCOPED_TRACE(std::string("[") + input + "] keep_empty=" + (keep_empty ? "1" : "0"));
+        EXPECT_TRUE(ow_lstsplode_ex(&list_, input, delim, keep_empty));
+        EXPECT_EQ(entries(list_), expected);
         ow_lstfree(&list_, std::free);
         EXPECT_EQ(list_, nullptr);
     }

@@ -92,12 +92,8 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
                                            {'a', -1, -1, -1}};
     const std::vector<TRexNode> no_group = {{'x', -1, -1, 1}, {'y', -1, -1, -1}};
     const std::string foreign = "file [" + path_ + "] is not a valid ordwin generated regex file";
-    const struct {
-        const char* what;
-        std::string bytes, subject;
-        bool expected;
-        errs errors;  // every ERROR line, in any order
-    } cases[] = {
+    // What the file holds, the subject, the answer, and every ERROR line in any order.
+    const std::tuple<const char*, std::string, std::string, bool, errs> cases[] = {
         {"largest record", file_of({big}), "axb", true, {}},
         {"classes one by one", file_of({classes}), "x" + as, true, {}},
         {"one class short", file_of({classes}), as.substr(1), false, {}},
@@ -126,13 +122,13 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
          errs{{"trs_valid_file", "failed to read header bit: Success"},
               {"compiled_regex_match", foreign}}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, bytes, subject, expected, errors] : cases) {
+        SCOPED_TRACE(what);
         clear_log();
-        ow_test::spit(path_, c.bytes);
-        EXPECT_EQ(compiled_regex_match(path_.c_str(), c.subject.c_str()), c.expected);
-        EXPECT_EQ(ow_test::error_count(), c.errors.size()) << ow_test::dump();
-        for (const auto& [func, text] : c.errors) EXPECT_ERROR_LINE(func, text);
+        ow_test::spit(path_, bytes);
+        EXPECT_EQ(compiled_regex_match(path_.c_str(), subject.c_str()), expected);
+        EXPECT_EQ(ow_test::error_count(), errors.size()) << ow_test::dump();
+        for (const auto& [func, text] : errors) EXPECT_ERROR_LINE(func, text);
     }
 }
 

@@ -22,12 +22,8 @@ TRex* nodes(const std::vector<TRexNode>& nodes) {
 }
 
 TEST_F(TinyRexTest, Matches) {
-    struct match_case {
-        std::string pattern;
-        uint8_t case_mode;
-        std::vector<const char*> hits, misses;
-    };
-    const std::vector<match_case> cases = {
+    using subjects = std::vector<const char*>;
+    const std::tuple<std::string, uint8_t, subjects, subjects> cases[] = {
         // Anchoring by wrapping and case modes.
         {"abc", 0, {"xxABCyy"}, {"ab"}},
         {"abc", 1, {"xxabcyy"}, {"xxABCyy"}},
@@ -98,17 +94,17 @@ TEST_F(TinyRexTest, Matches) {
          {"host.net", "ppp-2-3.example.com", "mail.example.com", "1234.5678.9.10",
           "mx1.example-2.com", "a1b2c3d4"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE("pattern [" + c.pattern + "] mode " + std::to_string(c.case_mode));
-        TRex* exp = trex_compile_ex(c.pattern.c_str(), c.case_mode);
+    for (const auto& [pattern, case_mode, hits, misses] : cases) {
+        SCOPED_TRACE("pattern [" + pattern + "] mode " + std::to_string(case_mode));
+        TRex* exp = trex_compile_ex(pattern.c_str(), case_mode);
         ASSERT_NE(exp, nullptr) << ow_test::dump();
         // The same record without its prepared facts checks every node as it goes; both
         // ways must agree.
         TRex plain = *exp;
         plain.cursor = nullptr;
         for (TRex* e : {exp, &plain}) {
-            for (const char* s : c.hits) EXPECT_TRUE(trex_match(e, s)) << s;
-            for (const char* s : c.misses) EXPECT_FALSE(trex_match(e, s)) << s;
+            for (const char* s : hits) EXPECT_TRUE(trex_match(e, s)) << s;
+            for (const char* s : misses) EXPECT_FALSE(trex_match(e, s)) << s;
         }
         trex_free(exp);
     }
@@ -117,11 +113,7 @@ TEST_F(TinyRexTest, Matches) {
 
 TEST_F(TinyRexTest, CompilerErrorTexts) {
     const std::string cls = "failed to parse class";
-    struct error_case {
-        std::string pattern;
-        std::vector<std::string> lines;
-    };
-    const std::vector<error_case> cases = {
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"", {"Invalid argument: []"}},
         {"[]", {"empty class match segment", cls}},
         {"[^]", {"empty class match segment", cls}},
@@ -149,12 +141,12 @@ TEST_F(TinyRexTest, CompilerErrorTexts) {
         {"^*a", {}},  // a repetition with nothing to repeat has no line of its own
         {"a??", {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE("pattern [" + c.pattern + "]");
+    for (const auto& [pattern, lines] : cases) {
+        SCOPED_TRACE("pattern [" + pattern + "]");
         clear_log();
-        EXPECT_EQ(trex_compile_ex(c.pattern.c_str(), 0), nullptr);
-        for (const auto& line : c.lines) EXPECT_ERROR_LINE("trex_compile_ex", line);
-        EXPECT_EQ(ow_test::error_count() == 0, c.lines.empty()) << ow_test::dump();
+        EXPECT_EQ(trex_compile_ex(pattern.c_str(), 0), nullptr);
+        for (const auto& line : lines) EXPECT_ERROR_LINE("trex_compile_ex", line);
+        EXPECT_EQ(ow_test::error_count() == 0, lines.empty()) << ow_test::dump();
     }
     clear_log();
     EXPECT_EQ(trex_compile_ex(nullptr, 0), nullptr);
@@ -184,12 +176,9 @@ TEST_F(TinyRexTest, EveryAllocationFailureIsReportedAndReleased) {
 }
 
 TEST_F(TinyRexTest, CorruptNodesAreRefusedBeforeUse) {
-    struct corrupt_case {
-        TRex* exp;
-        const char* line;  // nullptr: refused without a line of its own
-    };
     constexpr int32_t kBadBounds = 5 | (7 << 16);
-    const std::vector<corrupt_case> cases = {
+    // Each record and the line refusing it; nullptr: refused without a line of its own.
+    const std::vector<std::pair<TRex*, const char*>> cases = {
         // A minimum above the maximum compiles but is refused each time it is matched, and
         // {65535} packs to the bit pattern of -1, the "unused" marker.
         {trex_compile_ex("a{2,1}", 0), "greedy operator range 2 - 1 is invalid"},
@@ -257,33 +246,26 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
     // also its own subject.
     const std::string slow =
         "[" + std::string(119, '6') + "^\\s]+[0-9]+[0-9]*\\a-z]+[0-9]*\\.po\\w+\\s?\\bx\\B";
-    // A cycle through an expression's own operand, a sequence that loops back on itself, and
-    // patterns whose repetitions backtrack exponentially.
-    const struct {
-        const char* what;
-        TRex* exp;
-        std::string subject;
-        const char* line;  // nullptr: only that it ends
-    } cases[] = {
-        {"recursion", nodes({{OP_EXPRESSION, 0, 0, -1}}), "abc",
-         "match abandoned at recursion depth 1000"},
-        {"cycle", nodes({kRoot, {OP_BOL, -1, -1, 1}}), "abc",
-         "match abandoned after 1000000 steps"},
-        {"backtracking", trex_compile_ex("^a*a*a*a*a*a*a*a*a*a*a*a*a*a*b", 0),
-         std::string(64, 'a') + "cb", "match abandoned after 1000000 steps"},
-        {"fuzz words", trex_compile_ex(slow.c_str(), 0), "d q word dd;ddHddddc", nullptr},
-        {"fuzz self", trex_compile_ex(slow.c_str(), 0), slow, nullptr},
+    const std::string steps = "match abandoned after 1000000 steps";
+    // A cycle through an expression's own operand, a sequence that loops back on itself, a
+    // pattern whose repetitions backtrack exponentially, and the fuzzer's (only that it ends).
+    const std::tuple<TRex*, std::string, std::string> cases[] = {
+        {nodes({{OP_EXPRESSION, 0, 0, -1}}), "abc", "match abandoned at recursion depth 1000"},
+        {nodes({kRoot, {OP_BOL, -1, -1, 1}}), "abc", steps},
+        {trex_compile_ex("^a*a*a*a*a*a*a*a*a*a*a*a*a*a*b", 0), std::string(64, 'a') + "cb", steps},
+        {trex_compile_ex(slow.c_str(), 0), "d q word dd;ddHddddc", ""},
+        {trex_compile_ex(slow.c_str(), 0), slow, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        ASSERT_NE(c.exp, nullptr);
+    for (const auto& [exp, subject, line] : cases) {
+        SCOPED_TRACE(subject.substr(0, 30));
+        ASSERT_NE(exp, nullptr);
         clear_log();
-        EXPECT_FALSE(trex_match(c.exp, c.subject.c_str()));
-        if (c.line != nullptr) {
-            EXPECT_ERROR_LINE("trex_match", c.line);
+        EXPECT_FALSE(trex_match(exp, subject.c_str()));
+        if (!line.empty()) {
+            EXPECT_ERROR_LINE("trex_match", line);
             EXPECT_EQ(ow_test::error_count(), 1u) << ow_test::dump();
         }
-        trex_free(c.exp);
+        trex_free(exp);
     }
 
     // A class whose member list loops back on itself is walked once per character.
@@ -313,25 +295,22 @@ TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
     // exceeds the limit on the plain path is the shortest one on the prepared path too. The
     // families run through a .* scan over a class, repetitions of a class followed by a group
     // of alternatives, and a class of several members.
-    const struct {
-        const char* pattern;
-        std::string head, unit;
-    } families[] = {
+    const std::tuple<const char*, std::string, std::string> families[] = {
         {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
         {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},
         {"q\\d?[^q]z", "z", "q1q"},
         {"(a|b)c*d", "d", "acab"},
     };
-    for (const auto& f : families) {
-        SCOPED_TRACE(f.pattern);
-        TRex* exp = trex_compile_ex(f.pattern, 0);
+    for (const auto& [pattern, head, unit] : families) {
+        SCOPED_TRACE(pattern);
+        TRex* exp = trex_compile_ex(pattern, 0);
         ASSERT_NE(exp, nullptr);
         ASSERT_NE(exp->cursor, nullptr);
         TRex plain = *exp;
         plain.cursor = nullptr;
         const auto gives_up = [&](TRex* e, long units) {
-            std::string subject = f.head;
-            for (long k = 0; k < units; ++k) subject += f.unit;
+            std::string subject = head;
+            for (long k = 0; k < units; ++k) subject += unit;
             clear_log();
             return !trex_match(e, subject.c_str()) &&
                    ow_test::has_error("trex_match", "match abandoned after 1000000 steps");

@@ -72,21 +72,17 @@ TEST_F(RegexCompileTool, ABadPatternIsReportedAndNothingIsWritten) {
 TEST_F(RegexCompileTool, UsageAndUnusablePaths) {
     const std::string patterns = path("p.txt"), missing = path("missing.txt");
     ow_test::spit(patterns, "x\n");
-    const struct {
-        std::string args;
-        int status;
-        std::string text;
-    } cases[] = {
+    const std::tuple<std::string, int, std::string> cases[] = {
         {"--help", 0, "Usage: ardvex-regex-compile PATTERNS.txt OUTPUT.cregexes"},
         {"", 2, "Usage:"},
         {patterns, 2, "Usage:"},
         {missing + " " + path("o.cregexes"), 1, "cannot open " + missing},
         {patterns + " " + path("no/such/dir/o.cregexes"), 1, "cannot create a temporary file"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args);
-        EXPECT_EQ(run(c.args), c.status) << err_;
-        EXPECT_NE((out_ + err_).find(c.text), std::string::npos) << out_ << err_;
+    for (const auto& [args, status, text] : cases) {
+        SCOPED_TRACE(args);
+        EXPECT_EQ(run(args), status) << err_;
+        EXPECT_NE((out_ + err_).find(text), std::string::npos) << out_ << err_;
     }
     EXPECT_EQ(entries(), names{"p.txt"});
 }
