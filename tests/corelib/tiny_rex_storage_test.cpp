@@ -31,17 +31,11 @@ std::vector<TRexNode> contains(char c) {
             {OP_EOL, -1, -1, -1}};
 }
 
-class TinyRexStorageTest : public ow_test::ScratchTest {
-   protected:
-    void SetUp() override {
-        ScratchTest::SetUp();
-        path_ = path("test.cregexes");
-    }
-    std::string path_;
-};
+using TinyRexStorageTest = ow_test::ScratchTest;
 
 TEST_F(TinyRexStorageTest, StoredPatternsReadBackAndIgnoreCase) {
-    FILE* fp = std::fopen(path_.c_str(), "w+b");
+    const std::string file = path("test.cregexes");
+    FILE* fp = std::fopen(file.c_str(), "w+b");
     ASSERT_TRUE(trs_set_header(fp));
     std::vector<TRex*> compiled;
     for (const char* p : {"^mail\\d+\\.", "(dsl|cable)\\.example\\.net$", "[a-c]x|zz"}) {
@@ -61,13 +55,14 @@ TEST_F(TinyRexStorageTest, StoredPatternsReadBackAndIgnoreCase) {
     std::free(read_back.nodes);
     std::fclose(fp);
     for (const char* s : {"MAIL12.EXAMPLE.COM", "ppp.DSL.example.NET", "Bx", "zzz"}) {
-        EXPECT_TRUE(compiled_regex_match(path_.c_str(), s)) << s;
+        EXPECT_TRUE(compiled_regex_match(file.c_str(), s)) << s;
     }
-    EXPECT_FALSE(compiled_regex_match(path_.c_str(), "mail.example.com"));
+    EXPECT_FALSE(compiled_regex_match(file.c_str(), "mail.example.com"));
     EXPECT_NO_ERRORS();
 }
 
 TEST_F(TinyRexStorageTest, ScanOfAFile) {
+    const std::string file = path("test.cregexes");
     using errs = std::vector<std::pair<const char*, std::string>>;
     auto corrupt_next = contains('q');
     corrupt_next[2].next = 77;
@@ -92,7 +87,7 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
                                            {OP_BOL, -1, -1, 3},
                                            {'a', -1, -1, -1}};
     const std::vector<TRexNode> no_group = {{'x', -1, -1, 1}, {'y', -1, -1, -1}};
-    const std::string foreign = "file [" + path_ + "] is not a valid ordwin generated regex file";
+    const std::string foreign = "file [" + file + "] is not a valid ordwin generated regex file";
     // What the file holds, the subject, the answer, and every ERROR line in any order.
     const std::tuple<const char*, std::string, std::string, bool, errs> cases[] = {
         {"largest record", file_of({big}), "axb", true, {}},
@@ -126,14 +121,15 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
     for (const auto& [what, bytes, subject, expected, errors] : cases) {
         SCOPED_TRACE(what);
         clear_log();
-        ow_test::spit(path_, bytes);
-        EXPECT_EQ(compiled_regex_match(path_.c_str(), subject.c_str()), expected);
+        ow_test::spit(file, bytes);
+        EXPECT_EQ(compiled_regex_match(file.c_str(), subject.c_str()), expected);
         EXPECT_EQ(ow_test::error_count(), errors.size()) << ow_test::dump();
         for (const auto& [func, text] : errors) EXPECT_ERROR_LINE(func, text);
     }
 }
 
 TEST_F(TinyRexStorageTest, RefusalsAndFailures) {
+    const std::string file = path("test.cregexes");
     EXPECT_FALSE(compiled_regex_match(path("missing.cregexes").c_str(), "x"));
     EXPECT_FALSE(compiled_regex_match(dir_.c_str(), "x"));  // a directory is not a pattern file
     EXPECT_NO_ERRORS();
@@ -141,8 +137,8 @@ TEST_F(TinyRexStorageTest, RefusalsAndFailures) {
     // A record of 4096 nodes is refused by the reader and the writer alike.
     std::vector<TRexNode> nodes = contains('x');
     nodes.resize(TRS_MAX_NODES + 1, TRexNode{'z', -1, -1, -1});
-    ow_test::spit(path_, file_of({nodes}));
-    FILE* fp = std::fopen(path_.c_str(), "r+b");
+    ow_test::spit(file, file_of({nodes}));
+    FILE* fp = std::fopen(file.c_str(), "r+b");
     ASSERT_TRUE(trs_valid_file(fp));
     TRex empty{};
     ow_test::refused("trs_next", "block size 65536 exceeds sane boundaries",
@@ -156,7 +152,7 @@ TEST_F(TinyRexStorageTest, RefusalsAndFailures) {
     const std::string einval = std::strerror(EINVAL);
     ow_test::refused(
         "compiled_regex_match", einval,
-        {!compiled_regex_match("", "x"), !compiled_regex_match(path_.c_str(), nullptr)});
+        {!compiled_regex_match("", "x"), !compiled_regex_match(file.c_str(), nullptr)});
     ow_test::refused("trs_valid_file", einval, {!trs_valid_file(nullptr)});
     ow_test::refused("trs_set_header", einval, {!trs_set_header(nullptr)});
     ow_test::refused("trs_store", einval, {!trs_store(fp, &empty)});
@@ -165,15 +161,15 @@ TEST_F(TinyRexStorageTest, RefusalsAndFailures) {
     // Setting the header empties whatever the file held.
     ASSERT_TRUE(trs_set_header(fp));
     std::fclose(fp);
-    EXPECT_EQ(ow_test::slurp(path_), std::string("\xB9\xEB\0\0", 4));
+    EXPECT_EQ(ow_test::slurp(file), std::string("\xB9\xEB\0\0", 4));
 
     // The record allocation of the scan can fail, and so can the node array of a record.
-    ow_test::spit(path_, file_of({contains('x')}));
+    ow_test::spit(file, file_of({contains('x')}));
     for (long n = 1; n <= 2; ++n) {
         SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
-        EXPECT_FALSE(compiled_regex_match(path_.c_str(), "x"));
+        EXPECT_FALSE(compiled_regex_match(file.c_str(), "x"));
         EXPECT_ERROR_LINE(n == 1 ? "compiled_regex_match" : "trs_next", std::strerror(ENOMEM));
     }
 }
