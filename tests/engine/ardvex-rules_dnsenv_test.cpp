@@ -1,21 +1,11 @@
 // The rules that ask the DNS or the outside world, run inside tests/support/dnsenv.sh: HELO
 // and sender domain verdicts, the one PTR lookup per transaction shared by the reverse-DNS
 // rules (counted at the scripted server), pattern files written by ardvex-regex-compile, and
-// the Zimbra map asked through the secure wrapper and the postmap stand-in. The suite's and
-// Zimbra's directories are private tmpfs mounts made by tests/support/private_dirs.sh.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <string>
-
+// the Zimbra map asked through the secure wrapper and the postmap stand-in.
 #include "ardvex-rules.h"
-#include "ardvex-spam-hooks.h"
 #include "ardvex.h"
-#include "ardvex_config.h"
 #include "dnsenv.hpp"
 #include "is_local_domain.h"
-#include "log_capture.hpp"
 #include "owspamrule.h"
 
 namespace {
@@ -23,33 +13,11 @@ namespace {
 namespace dnsenv = ow_test::dnsenv;
 using ow_test::has_debug;
 
-const std::string dynaregex = ARDVEX_DYNAREGEX_DIR;
-
-bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
-
-// Compiles the patterns into the pattern directory's file with the administrator's tool.
-void compile_patterns(const std::string& file, const std::string& patterns) {
-    const std::string text = dnsenv::env("DNSENV_WORK") + "/" + file + ".txt";
-    std::ofstream(text, std::ios::trunc) << patterns;
-    ASSERT_TRUE(run(ARDVEX_BINARY_DIR "/tools/ardvex-regex-compile " + text + " " + dynaregex +
-                    file + " >/dev/null"));
-}
-
 class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
    protected:
     static void SetUpTestSuite() {
-        if (!dnsenv::inside()) return;
-        const std::string work = dnsenv::env("DNSENV_WORK");
-        ASSERT_TRUE(run(ARDVEX_SOURCE_DIR "/tests/support/private_dirs.sh " + work +
-                        "/private " ARDVEX_DYNAREGEX_DIR " " ARDVEX_ZIMBRA_DIR
-                        " " ARDVEX_SUITE_BIN_DIR));
-        ASSERT_TRUE(
-            run("install -D -m 755 " ARDVEX_BINARY_DIR "/tools/ardvex-secure " ARDVEX_SECURE_WRAPPER
-                " && install -D -m 755 " ARDVEX_SOURCE_DIR "/tools/zimbra-postmap " ARDVEX_POSTMAP
-                " && mkdir -p $(dirname " ARDVEX_LDAP_VMD_MAP ")"));
-        std::ofstream(ARDVEX_LDAP_VMD_MAP) << "server_host = ldap://127.0.0.1:389\n";
-        std::ofstream(ARDVEX_LDAP_VMD_MAP ".table") << "# virtual mail domains\n"
-                                                       "local.example.test local.example.test\n";
+        if (dnsenv::inside())
+            dnsenv::private_suite(ARDVEX_DYNAREGEX_DIR, "local.example.test local.example.test\n");
     }
     void SetUp() override {
         if (!dnsenv::inside()) GTEST_SKIP() << "runs only inside tests/support/dnsenv.sh";
@@ -63,7 +31,7 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
           "3.113.0.203.in-addr.arpa": {"*": {"rcode": 2}},
           "5.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR LOCALHOST.localdomain."]}}
         })");
-        run("rm -f " + dynaregex + "*");
+        ow_test::sh("rm -f " ARDVEX_DYNAREGEX_DIR "*");
         dnsenv::reset_queries();
     }
     void TearDown() override {
@@ -143,8 +111,7 @@ TEST_F(OutsideWorldRuleTest, TemporaryFailureIsCachedByAllButValidPtr) {
         has_debug("rule_check_confirmed_dyna", "cache shows PTR is temporarily unavailable"));
     // Lines of the shared start carry the rule's own source file.
     bool own_file = false;
-    for (const auto& l : lines())
-        own_file |= l.text.rfind("rule_check_confirmed_dyna.cpp:", 0) == 0;
+    for (const auto& l : lines()) own_file |= l.text.starts_with("rule_check_confirmed_dyna.cpp:");
     EXPECT_TRUE(own_file) << ow_test::dump();
 }
 
@@ -155,16 +122,16 @@ TEST_F(OutsideWorldRuleTest, PatternFilesAndExemptions) {
     EXPECT_FALSE(rule_check_dynamic_reverse_dns(&s_));
     EXPECT_EQ(s_.rdns, nullptr);
 
-    compile_patterns("dyna.cregexes", "^host-[0-9.]+\\.dyn\\.\n");
-    compile_patterns("spam.cregexes", "\\.pool\\.example\\.test$\n");
-    compile_patterns("confirmed.cregexes", "dyn\\.example\\.test$\n");
+    dnsenv::compile_patterns("dyna.cregexes", "^host-[0-9.]+\\.dyn\\.\n");
+    dnsenv::compile_patterns("spam.cregexes", "\\.pool\\.example\\.test$\n");
+    dnsenv::compile_patterns("confirmed.cregexes", "dyn\\.example\\.test$\n");
     EXPECT_TRUE(rule_check_dynamic_reverse_dns(&s_));
     EXPECT_TRUE(rule_check_confirmed_dyna(&s_));
     EXPECT_FALSE(rule_check_reverse_dns_list(&s_));
     EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
 
     // An exempt name clears the client in the built-in rule and in every hook.
-    compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
+    dnsenv::compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
     s_.rdns = nullptr;
     EXPECT_FALSE(rule_check_dynamic_reverse_dns_default(&s_));
     EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
@@ -203,25 +170,25 @@ TEST_F(OutsideWorldRuleTest, HeloAndSenderDomainVerdictsAreAskedOnce) {
 }
 
 TEST_F(OutsideWorldRuleTest, LocalSendersMustAuthenticate) {
-    std::ofstream(ARDVEX_LDAP_VMD_MAP ".calls", std::ios::trunc).flush();
+    ow_test::spit(ARDVEX_LDAP_VMD_MAP ".calls", "");
     reset(nullptr, nullptr, "ann@Local.Example.test");
     EXPECT_TRUE(rule_local_require_auth(&s_));
     s_.authenticated = true;
     EXPECT_FALSE(rule_local_require_auth(&s_));
     reset(nullptr, nullptr, "ann@elsewhere.test");
     EXPECT_FALSE(rule_local_require_auth(&s_));
-    std::ifstream calls(ARDVEX_LDAP_VMD_MAP ".calls");
-    std::string first;
-    std::getline(calls, first);
-    EXPECT_EQ(first, "-q Local.Example.test proxy:ldap:" ARDVEX_LDAP_VMD_MAP);
+    EXPECT_TRUE(ow_test::slurp(ARDVEX_LDAP_VMD_MAP ".calls")
+                    .starts_with("-q Local.Example.test proxy:ldap:" ARDVEX_LDAP_VMD_MAP "\n"));
 
     // A broken map or a missing postmap makes nobody local.
-    ASSERT_TRUE(run("mv " ARDVEX_LDAP_VMD_MAP ".table " ARDVEX_LDAP_VMD_MAP ".saved"));
+    const std::string table = ARDVEX_LDAP_VMD_MAP ".table";
+    ASSERT_EQ(ow_test::sh("mv " + table + " " + table + ".saved"), 0);
     EXPECT_FALSE(is_local_domain("ann@local.example.test"));
-    ASSERT_TRUE(run("mv " ARDVEX_LDAP_VMD_MAP ".saved " ARDVEX_LDAP_VMD_MAP
-                    ".table && mv " ARDVEX_POSTMAP " " ARDVEX_POSTMAP ".off"));
+    ASSERT_EQ(ow_test::sh("mv " + table + ".saved " + table +
+                          " && mv " ARDVEX_POSTMAP " " ARDVEX_POSTMAP ".off"),
+              0);
     EXPECT_FALSE(is_local_domain("ann@local.example.test"));
-    ASSERT_TRUE(run("mv " ARDVEX_POSTMAP ".off " ARDVEX_POSTMAP));
+    ASSERT_EQ(ow_test::sh("mv " ARDVEX_POSTMAP ".off " ARDVEX_POSTMAP), 0);
     EXPECT_TRUE(is_local_domain("ann@local.example.test"));
 }
 
