@@ -1,15 +1,9 @@
 #include "ow_rfc.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
+#include "scratch.hpp"
 
 namespace {
 
@@ -83,13 +77,8 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"\"a\\\"b\" <x@y.z>", 0, 1, true, "x@y.z"},
         {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
         {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
-        {"\"unterminated <x@y.z>", 0, 0, false, std::nullopt},
         {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
-        {"<user@[IPv6:2001:db8::1]>", 0, 0, false, "user@[ipv6:2001:db8::1]"},
         {"user@192.0.2.1", 0, 0, false, "user@192.0.2.1"},
-        {"user@example.com.", 0, 0, false, "user@example.com."},
-        {"user.@example.com", 0, 0, false, "user.@example.com"},
-        {"user@example..com", 0, 0, false, "user@example..com"},
         // length limits: no limit on the local part
         {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
         // UTF-8 bytes are neither printable nor letters
@@ -101,14 +90,12 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"<user@example.com", 0, 0, false, std::nullopt},
         {"Joe <joe@x.y> (home)", 0, 1, true, "joe@x.y"},
         {"joe@x.y (Joe (at home))", 0, 1, false, "joe@x.y"},
-        {"(a(b)c)rest@x.y", 0, 1, false, "rest@x.y"},
         {"(a\\)b)x@y.z", 0, 1, false, "x@y.z"},
         {"(abc x@y.z", 0, 0, false, std::nullopt},
         {"a@b.c <d@e.f>", 0, 0, false, "d@e.f"},
         {"<a@b.c> <d@e.f>", 0, 0, false, "a@b.c"},
         {"<a@b.c> \"x\"", 0, 0, false, "a@b.c"},
         {"mailto:user@example.com", 0, 0, false, "mailto:user@example.com"},
-        {"a;b@c.d", 0, 0, false, "a;b@c.d"},
         {"User+Tag@Example.COM", 1, 1, false, "user+tag@example.com"},
         {"  user@example.com ", 0, 1, false, "user@example.com"},
     };
@@ -223,22 +210,18 @@ TEST_F(RfcTest, RefusedArguments) {
 TEST_F(RfcTest, AllocationFailures) {
     const std::string enomem = std::strerror(ENOMEM);
     // The field check accepts when it cannot run, whether the copy of the field or the copy
-    // of the bracketed address fails.
-    ow::testing::fail_allocation(1);
-    EXPECT_EQ(ow_rfc822_email_address("bad address", nullptr), 1);
-    refused("ow_rfc822_email_address", enomem, {true});
-    ow::testing::fail_allocation(2);
-    bool bracketed = false;
-    EXPECT_EQ(ow_rfc822_email_address("<bad address>", &bracketed), 1);
-    EXPECT_TRUE(bracketed);
-    refused("__ow_parse_rfc_address", enomem, {true});
-
-    ow::testing::fail_allocation(1);
-    EXPECT_EQ(extract("a@b.c"), std::nullopt);
-    refused("ow_extract_address_from_mailbox", enomem, {true});
-    ow::testing::fail_allocation(2);
-    EXPECT_EQ(extract("<a@b.c>"), std::nullopt);
-    refused("ow_extract_address_from_mailbox", enomem, {true});
+    // of the bracketed address fails; the extraction fails on either.
+    for (long n : {1L, 2L}) {
+        SCOPED_TRACE(n);
+        bool bracketed = false;
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(ow_rfc822_email_address("<bad address>", &bracketed), 1);
+        EXPECT_EQ(bracketed, n == 2);
+        refused(n == 1 ? "ow_rfc822_email_address" : "__ow_parse_rfc_address", enomem, {true});
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(extract("<a@b.c>"), std::nullopt);
+        refused("ow_extract_address_from_mailbox", enomem, {true});
+    }
 
     // Every allocation of a split and a parse fails in turn: nothing leaks, each reports.
     for (const char* header : {"a@b.c, \"x\" <d@e.f>", "x@y.z,  p@q.r  "}) {
