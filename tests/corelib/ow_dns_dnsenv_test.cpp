@@ -9,17 +9,8 @@
 namespace {
 
 namespace dnsenv = ow_test::dnsenv;
-using strings = std::vector<std::string>;
-
-strings take_names(char** names) {
-    strings out;
-    for (std::size_t i = 0; names != nullptr && names[i] != nullptr; ++i) {
-        out.emplace_back(names[i]);
-        std::free(names[i]);
-    }
-    std::free(names);
-    return out;
-}
+using ow_test::dnsenv::strings;
+using ow_test::dnsenv::take_names;
 
 const std::string emsgsize = std::strerror(EMSGSIZE);
 const std::string timed_out = std::string("DNS query failure: ") + std::strerror(ETIMEDOUT);
@@ -84,7 +75,6 @@ TEST_F(DnsLiveTest, AddressAndMailExchangerLookups) {
 }
 
 TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
-    const std::string uncompress = "Failed to uncompress response value: " + emsgsize;
     const struct {
         const char* ip;
         int32_t mode;
@@ -103,8 +93,7 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
         {"198.51.100.13", 1, 2, {}, std::string("Failed to parse RR: ") + std::strerror(ENODEV)},
         {"198.51.100.6", 0, -1, {}, "Expected at least 1 answer from the server"},
         {"198.51.100.7", 1, 2, {}, timed_out},
-        {"198.51.100.9", 0, 2, {}, uncompress},
-        {"198.51.100.10", 1, 2, {}, uncompress},
+        {"198.51.100.9", 0, 2, {}, "Failed to uncompress response value: " + emsgsize},
         {"198.51.100.11", 0, 2, {}, "Failed to parse RR: " + emsgsize},
         {"198.51.100.12", 0, 2, {}, "Failed to parse NS server response: " + emsgsize},
     };
@@ -122,38 +111,28 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
     EXPECT_ERROR_LINE("ow_arpa", "Address is not an IP");
 }
 
-TEST_F(DnsLiveTest, HostsFileAnswersFirstAndAsWritten) {
+TEST_F(DnsLiveTest, HostsFileAnswersFirst) {
     ow_test::spit("/etc/hosts",
                   "127.0.0.1\tlocalhost\n"
                   "192.0.2.10 Listed.Example.TEST other\n"
                   "0:0:0:0:0:0:0:1 ip6-localhost\n"
                   "192.0.2.10 second-line\n");
-    const std::pair<const char*, strings> cases[] = {
-        {"192.0.2.10", {"Listed.Example.TEST", "other", "second-line"}},
-        {"0:0::1", {"ip6-localhost"}},
-    };
-    for (const auto& [ip, listed] : cases) {
-        SCOPED_TRACE(ip);
-        char** names = nullptr;
-        EXPECT_EQ(ow_gethostent(ip, &names), static_cast<int32_t>(listed.size()));
-        EXPECT_EQ(take_names(names), listed);
-        names = nullptr;
-        EXPECT_EQ(ow_lookup_reverse_dns(&names, ip, 0, 1), 0);
-        EXPECT_EQ(take_names(names), listed);  // every name of the file, whatever the mode
-    }
-    EXPECT_NO_ERRORS();
-    EXPECT_EQ(dnsenv::queries(), "");  // the DNS was never asked
     char** names = nullptr;
+    EXPECT_EQ(ow_gethostent("192.0.2.10", &names), 3);
+    EXPECT_EQ(take_names(names), (strings{"Listed.Example.TEST", "other", "second-line"}));
+    EXPECT_EQ(ow_gethostent("192.0.2.10", nullptr), 3);
+    names = nullptr;
     EXPECT_EQ(ow_gethostent("192.0.2.99", &names), 0);
     EXPECT_EQ(names, nullptr);
-    EXPECT_EQ(ow_gethostent("192.0.2.10", nullptr), 3);
-}
+    // A single name found for the query in any IPv6 form, and the DNS never asked.
+    EXPECT_EQ(ow_lookup_reverse_dns(&names, "0:0::1", 0, 1), 0);
+    EXPECT_EQ(take_names(names), strings{"ip6-localhost"});
+    EXPECT_EQ(dnsenv::queries(), "");
+    EXPECT_NO_ERRORS();
 
-// A hosts file that cannot be opened fails the scan, and releases its lock: the next scan
-// works.
-TEST_F(DnsLiveTest, MissingHostsFileFailsTheScanOnly) {
+    // A hosts file that cannot be opened fails the scan, and releases its lock.
     ASSERT_EQ(mount("dnsenv-empty-etc", "/etc", "tmpfs", 0, nullptr), 0) << std::strerror(errno);
-    char** names = nullptr;
+    names = nullptr;
     EXPECT_EQ(ow_gethostent("127.0.0.1", &names), -1);
     EXPECT_EQ(names, nullptr);
     EXPECT_ERROR_LINE("ow_gethostent", "Failed to open /etc/hosts");

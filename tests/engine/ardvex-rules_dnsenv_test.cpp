@@ -59,14 +59,12 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
 };
 
 // The reverse-DNS rules in table order.
-bool (*const rdns_rules[])(spam_session*) = {
-    rule_valid_ptr,
-    rule_check_ip_reverse_dns,
-    rule_check_dynamic_reverse_dns_default,
-    rule_check_dynamic_reverse_dns,
-    rule_check_reverse_dns_list,
-    rule_check_confirmed_dyna,
-};
+bool (*const rdns_rules[])(spam_session*) = {rule_valid_ptr,
+                                             rule_check_ip_reverse_dns,
+                                             rule_check_dynamic_reverse_dns_default,
+                                             rule_check_dynamic_reverse_dns,
+                                             rule_check_reverse_dns_list,
+                                             rule_check_confirmed_dyna};
 
 TEST_F(OutsideWorldRuleTest, OnePtrLookupServesEveryReverseDnsRule) {
     reset("203.0.113.1");

@@ -1,7 +1,7 @@
 // dnsenv.hpp: what a test program run by tests/support/dnsenv.sh needs to drive its name
-// servers and its private directories. A program whose name ends in _dnsenv_test runs inside
-// dnsenv.sh; its fixture skips unless inside() holds, so a stray run can never write the real
-// /etc/hosts.
+// servers and its private directories, and the name arrays every DNS test reads. A program
+// whose name ends in _dnsenv_test runs inside dnsenv.sh; its fixture skips unless inside()
+// holds, so a stray run can never write the real /etc/hosts.
 #ifndef ARDVEX_TESTS_DNSENV_HPP
 #define ARDVEX_TESTS_DNSENV_HPP
 
@@ -11,6 +11,19 @@
 #include "scratch.hpp"
 
 namespace ow_test::dnsenv {
+
+using strings = std::vector<std::string>;
+
+// Takes over a name array of the DNS module: its names, and frees it.
+inline strings take_names(char** names) {
+    strings out;
+    for (std::size_t i = 0; names != nullptr && names[i] != nullptr; ++i) {
+        out.emplace_back(names[i]);
+        std::free(names[i]);
+    }
+    std::free(names);
+    return out;
+}
 
 inline std::string env(const char* name) {
     const char* value = std::getenv(name);
