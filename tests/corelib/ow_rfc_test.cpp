@@ -78,7 +78,6 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
         {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
         {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
-        {"user@192.0.2.1", 0, 0, false, "user@192.0.2.1"},
         // length limits: no limit on the local part
         {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
         // UTF-8 bytes are neither printable nor letters
@@ -95,7 +94,6 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"a@b.c <d@e.f>", 0, 0, false, "d@e.f"},
         {"<a@b.c> <d@e.f>", 0, 0, false, "a@b.c"},
         {"<a@b.c> \"x\"", 0, 0, false, "a@b.c"},
-        {"mailto:user@example.com", 0, 0, false, "mailto:user@example.com"},
         {"User+Tag@Example.COM", 1, 1, false, "user+tag@example.com"},
         {"  user@example.com ", 0, 1, false, "user@example.com"},
     };
@@ -182,7 +180,7 @@ TEST_F(RfcTest, IpClassification) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(RfcTest, RefusedArguments) {
+TEST_F(RfcTest, RefusalsAndAllocationFailures) {
     const std::string inval = std::strerror(EINVAL);
     refused("ow_extract_address_from_mailbox", inval, {!extract("")});
     refused("ow_parse_addresses_from_header", inval, {!ow_parse_addresses_from_header("")});
@@ -192,9 +190,7 @@ TEST_F(RfcTest, RefusedArguments) {
     refused("ow_is_unroutable_ip", inval, {!ow_is_unroutable_ip("")});
     EXPECT_EQ(extract(" (gone) "), std::nullopt);
     refused("ow_extract_address_from_mailbox", "zero length address", {true});
-}
 
-TEST_F(RfcTest, AllocationFailures) {
     const std::string enomem = std::strerror(ENOMEM);
     // The field check accepts when it cannot run, whether the copy of the field or the copy
     // of the bracketed address fails; the extraction fails on either.

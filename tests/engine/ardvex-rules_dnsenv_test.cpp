@@ -1,12 +1,23 @@
 // The rules that ask the DNS or the outside world, run inside tests/support/dnsenv.sh: HELO
 // and sender domain verdicts, the one PTR lookup per transaction shared by the reverse-DNS
 // rules (counted at the scripted server), pattern files written by ardvex-regex-compile, and
-// the Zimbra map asked through the secure wrapper and the postmap stand-in.
+// the Zimbra map asked through the secure wrapper and the postmap stand-in. Then whole
+// transactions judged the way the hosting mail-server component does it (rule_walk.hpp), with
+// real list, range, pattern and forgery files, the real message log and counter files.
+#include <strings.h>
+
+#include <array>
+#include <ctime>
+
+#include "ardvex-file.h"
+#include "ardvex-iprange.h"
+#include "ardvex-log.h"
 #include "ardvex-rules.h"
 #include "ardvex.h"
 #include "dnsenv.hpp"
 #include "is_local_domain.h"
 #include "owspamrule.h"
+#include "rule_walk.hpp"
 
 namespace {
 
@@ -16,9 +27,19 @@ using ow_test::has_debug;
 class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
    protected:
     static void SetUpTestSuite() {
-        if (dnsenv::inside())
-            dnsenv::private_suite(ARDVEX_DYNAREGEX_DIR, "local.example.test local.example.test\n");
+        if (!dnsenv::inside()) return;
+        dnsenv::private_suite(ARDVEX_DYNAREGEX_DIR " " ARDVEX_CONTROL_DIR " " ARDVEX_LOG_DIR,
+                              "local.example.test local.example.test\n");
+        // A domain that sends only from its own network.
+        ow_test::spit(ARDVEX_CONTROL_DIR "valid_domain_ips", "bank.example.test: 192.0.2.0/24\n");
+        ASSERT_EQ(ow_test::sh("mkdir -p " + list_dir()), 0);
+        ASSERT_EQ(ow_add_entry(list_dir().c_str(), "from_blacklist", "*@spammer.example.test",
+                               nullptr, strcasecmp),
+                  nullptr);
+        ASSERT_TRUE(ipr_add_range_to_file(list_dir().c_str(), "exempt_ips.range", "198.51.100.0",
+                                          "198.51.100.255", nullptr, nullptr));
     }
+    static std::string list_dir() { return dnsenv::env("DNSENV_WORK") + "/lists/"; }
     void SetUp() override {
         if (!dnsenv::inside()) GTEST_SKIP() << "runs only inside tests/support/dnsenv.sh";
         LogCaptureTest::SetUp();
@@ -29,7 +50,16 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
           "2.113.0.203.in-addr.arpa": {"PTR": {"records": [
               "@ PTR host-203.0.113.2.dyn.example.test."]}},
           "3.113.0.203.in-addr.arpa": {"*": {"rcode": 2}},
-          "5.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR LOCALHOST.localdomain."]}}
+          "5.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR LOCALHOST.localdomain."]}},
+          "20.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR mail.sender.example.test."]}},
+          "21.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR 203-0-113-21.pool.example.test."]}},
+          "22.113.0.203.in-addr.arpa": {"*": {"rcode": 2}},
+          "23.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR dsl-home.isp.example.test."]}},
+          "mail.sender.example.test": {"A": {"records": ["@ A 203.0.113.20"]}},
+          "sender.example.test": {"MX": {"records": ["@ MX 10 mail.sender.example.test."]},
+                                  "A": {"records": ["@ A 203.0.113.20"]}},
+          "spammer.example.test": {"A": {"records": ["@ A 203.0.113.20"]}},
+          "bank.example.test": {"A": {"records": ["@ A 192.0.2.80"]}}
         })");
         ow_test::sh("rm -f " ARDVEX_DYNAREGEX_DIR "*");
         dnsenv::reset_queries();
@@ -58,13 +88,28 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
     spam_session s_{};
 };
 
+// Today's record of the daily counter file.
+ardvex_counter_record today() {
+    ardvex_counter_record r{};
+    char month[16];
+    const std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&now, &tm);
+    std::snprintf(month, sizeof month, "%02d", tm.tm_mon + 1);
+    std::ifstream in(std::string(ARDVEX_LOG_DIR) + ARDVEX_COUNTER_BASE "." + month,
+                     std::ios::binary);
+    in.seekg(ARDVEX_COUNTER_HEADER_SIZE + sizeof r * (tm.tm_mday - 1));
+    in.read(reinterpret_cast<char*>(&r), sizeof r);
+    return r;
+}
+
 // The reverse-DNS rules in table order.
-bool (*const rdns_rules[])(spam_session*) = {rule_valid_ptr,
-                                             rule_check_ip_reverse_dns,
-                                             rule_check_dynamic_reverse_dns_default,
-                                             rule_check_dynamic_reverse_dns,
-                                             rule_check_reverse_dns_list,
-                                             rule_check_confirmed_dyna};
+const spam_rule_check_fn rdns_rules[] = {rule_valid_ptr,
+                                         rule_check_ip_reverse_dns,
+                                         rule_check_dynamic_reverse_dns_default,
+                                         rule_check_dynamic_reverse_dns,
+                                         rule_check_reverse_dns_list,
+                                         rule_check_confirmed_dyna};
 
 TEST_F(OutsideWorldRuleTest, OnePtrLookupServesEveryReverseDnsRule) {
     reset("203.0.113.1");
@@ -141,29 +186,23 @@ TEST_F(OutsideWorldRuleTest, PatternFilesAndExemptions) {
 }
 
 TEST_F(OutsideWorldRuleTest, HeloAndSenderDomainVerdictsAreAskedOnce) {
-    const struct {
-        const char* name;
-        bool matches;
-        uint32_t cached;
-    } cases[] = {
+    const std::tuple<const char*, bool, uint32_t> cases[] = {
         {"a.plain.test", false, SPAM_DNS_FOUND},
         {"nx.rules.test", true, SPAM_DNS_NXDOMAIN},
-        {"servfail.scripted.test", false, SPAM_VERDICT_UNCHECKED},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        reset(nullptr, c.name, (std::string("a@") + c.name).c_str());
-        EXPECT_EQ(rule_resolve_helo_domain(&s_), c.matches);
-        EXPECT_EQ(s_.helo_dns, c.cached);
-        const std::size_t asked = dnsenv::query_count(c.name);
-        EXPECT_GE(asked, 1u);
-        EXPECT_EQ(rule_resolve_helo_domain(&s_), c.matches);
-        EXPECT_EQ(rule_valid_from_domain(&s_), c.matches);
-        EXPECT_EQ(s_.from_domain_dns, c.cached);
-        // A cached verdict asks nothing; an uncached failure asks again each time.
-        const std::size_t calls = c.cached == SPAM_VERDICT_UNCHECKED ? 3 : 2;
-        EXPECT_EQ(dnsenv::query_count(c.name), calls * asked) << dnsenv::queries();
+        {"servfail.scripted.test", false, SPAM_VERDICT_UNCHECKED}};
+    for (const auto& [name, matches, cached] : cases) {
+        SCOPED_TRACE(name);
+        reset(nullptr, name, (std::string("a@") + name).c_str());
         dnsenv::reset_queries();
+        EXPECT_EQ(rule_resolve_helo_domain(&s_), matches);
+        const std::size_t asked = dnsenv::query_count(name);
+        EXPECT_GE(asked, 1u);
+        EXPECT_EQ(rule_resolve_helo_domain(&s_), matches);
+        EXPECT_EQ(rule_valid_from_domain(&s_), matches);
+        EXPECT_EQ(std::make_pair(s_.helo_dns, s_.from_domain_dns), std::make_pair(cached, cached));
+        // A cached verdict asks nothing; an uncached failure asks again each time.
+        EXPECT_EQ(dnsenv::query_count(name), (cached == SPAM_VERDICT_UNCHECKED ? 3 : 2) * asked)
+            << dnsenv::queries();
     }
 }
 
@@ -188,6 +227,74 @@ TEST_F(OutsideWorldRuleTest, LocalSendersMustAuthenticate) {
     EXPECT_FALSE(is_local_domain("ann@local.example.test"));
     ASSERT_EQ(ow_test::sh("mv " ARDVEX_POSTMAP ".off " ARDVEX_POSTMAP), 0);
     EXPECT_TRUE(is_local_domain("ann@local.example.test"));
+}
+
+struct transaction {
+    const char* ip = "203.0.113.20";
+    const char* helo = "mail.sender.example.test";
+    const char* from = "anna@sender.example.test";
+    bool ipv6 = false, auth = false;
+    const char* rule = "";    // the rule that ends the walk, "" for none
+    const char* notice = "";  // the start of its notice
+};
+
+TEST_F(OutsideWorldRuleTest, EachTransactionGetsItsVerdictNoticeLogLineAndCount) {
+    dnsenv::compile_patterns("dyna.cregexes", "^dsl-[a-z]+\\.isp\\.\n");
+    log_program_name = "ardvex-test";
+    const transaction table[] = {
+        {},  // clean mail
+        {.ip = "203.0.113.21",
+         .rule = "check_dynamic_reverse_dns_default",
+         .notice = "Your server IP address [203.0.113.21] does not have a valid reverse DNS entry "
+                   "[203-0-113-21.pool.example.test]."},
+        {.ip = "203.0.113.23",  // in the administrator's dynamic patterns
+         .rule = "check_dynamic_reverse_dns",
+         .notice = "Your server IP address [203.0.113.23] does not have"},
+        {.helo = nullptr, .rule = "require_helo", .notice = "Missing HELO."},
+        {.from = "ceo@bank.example.test", .rule = "known_sender_forgery"},
+        {.from = "bulk@spammer.example.test", .rule = "from_blacklist"},
+        {.ip = "198.51.100.9",
+         .helo = nullptr,
+         .from = "bulk@spammer.example.test",
+         .rule = "ip_whitelist"},
+        {.ip = "2001:db8::25", .ipv6 = true, .rule = "block_nonauth_ipv6"},
+        {.ip = "2001:db8::25", .ipv6 = true, .auth = true},
+        {.ip = "203.0.113.22"},  // the DNS failing for now never rejects
+    };
+    const std::string lists = list_dir();
+    for (const auto& t : table) {
+        const std::string rule = t.rule;
+        SCOPED_TRACE(std::string(t.ip) + " " + rule);
+        reset(t.ip, t.helo, t.from);
+        s_.port = const_cast<char*>("40123");
+        s_.rcpt_to = const_cast<char*>("bob@local.example.test");
+        s_.list_dir = const_cast<char*>(lists.c_str());
+        s_.is_ipv6 = t.ipv6;
+        s_.authenticated = t.auth;
+        s_.auth_user = const_cast<char*>(t.auth ? "anna" : "");
+        const std::string before = ow_test::slurp(ARDVEX_LOG_DIR "axlog");
+        const ardvex_counter_record was = today();
+
+        const ow_test::verdict v =
+            ow_test::judge(&s_, {"known_sender_forgery", "block_nonauth_ipv6", "from_blacklist"});
+
+        const bool exempt = rule.ends_with("_whitelist");
+        EXPECT_EQ(v.rule, rule) << ow_test::dump();
+        EXPECT_TRUE(v.notice.starts_with(t.notice)) << v.notice;
+        EXPECT_EQ(v.notice.empty(), rule.empty() || exempt);
+        const std::string line = ow_test::slurp(ARDVEX_LOG_DIR "axlog").substr(before.size());
+        const std::string logged =
+            rule.empty() ? "HAM:" : (exempt ? "EXEMPT[" : "SPAM[") + rule + "]:";
+        EXPECT_NE(line.find(logged + " mua=["), std::string::npos) << line;
+        EXPECT_NE(line.find(std::string("ip=[") + t.ip), std::string::npos) << line;
+        EXPECT_EQ(line.find("\r\n"), line.size() - 2) << "one line per transaction";
+        const ardvex_counter_record now = today();
+        const std::array<uint32_t, 4> counted{now.ham - was.ham, now.spam - was.spam,
+                                              now.exempt - was.exempt,
+                                              now.authenticated - was.authenticated};
+        EXPECT_EQ(counted, (std::array<uint32_t, 4>{rule.empty(), !rule.empty() && !exempt, exempt,
+                                                    t.auth}));
+    }
 }
 
 }  // namespace
