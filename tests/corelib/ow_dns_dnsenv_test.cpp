@@ -3,6 +3,7 @@
 // dns_script.json there for the names used here), with a private /etc/hosts.
 #include <sys/mount.h>
 
+#include "ardvex_config.h"
 #include "dnsenv.hpp"
 #include "ow_dns.h"
 
@@ -94,7 +95,6 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
         {"198.51.100.6", 0, -1, {}, "Expected at least 1 answer from the server"},
         {"198.51.100.7", 1, 2, {}, timed_out},
         {"198.51.100.9", 0, 2, {}, "Failed to uncompress response value: " + emsgsize},
-        {"198.51.100.11", 0, 2, {}, "Failed to parse RR: " + emsgsize},
         {"198.51.100.12", 0, 2, {}, "Failed to parse NS server response: " + emsgsize},
     };
     for (const auto& c : cases) {

@@ -41,7 +41,9 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
     for (const auto& [domain, valid] : domains)
         EXPECT_EQ(ow_valid_domain(domain.c_str()), valid) << domain;
     EXPECT_EQ(ow_valid_domain(nullptr), 0);
-    const strings good = {"o'neil+x@b.c", "!#$%&'*+-/=?^_`{|}~@b.c", "x@" + d254};
+    // No limit on the local part.
+    const strings good = {"o'neil+x@b.c", "!#$%&'*+-/=?^_`{|}~@b.c", "x@" + d254,
+                          long_label(65) + "@b.c"};
     const strings bad = {
         "abc",    "@b.c",     "a@",      "a@b",      "a@b@c.d",         ".a@b.c",
         "a.@b.c", "a..b@c.d", "a b@c.d", "a\\b@c.d", "x@" + d254 + "a", "x@.." + d254.substr(2)};
@@ -52,46 +54,41 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
             {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
 }
 
-// Addresses that mail software meets in practice, judged by every operation at once: as a
-// bare address, as an address field, and as a mailbox whose address is extracted.
+// Addresses that mail software meets in practice, judged as an address field and as a mailbox
+// whose address is extracted.
 TEST_F(RfcTest, TrickyAddresses) {
-    const std::string local65 = long_label(65);
     const struct {
         std::string tricky;
-        int bare;                            // ow_valid_email_address
         int field;                           // ow_rfc822_email_address
         bool bracketed;                      // its out-flag
         std::optional<std::string> mailbox;  // ow_extract_address_from_mailbox
     } cases[] = {
-        {"\"john doe\"@example.com", 0, 0, false, "\"john doe\"@example.com"},
-        {"<\"john doe\"@example.com>", 0, 0, false, "\"john doe\"@example.com"},
-        {"\"Doe, John\" <John@Example.com>", 0, 1, true, "john@example.com"},
-        {"\"a\\\"b\" <x@y.z>", 0, 1, true, "x@y.z"},
-        {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
-        {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
-        {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
-        // length limits: no limit on the local part
-        {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
+        {"\"john doe\"@example.com", 0, false, "\"john doe\"@example.com"},
+        {"<\"john doe\"@example.com>", 0, false, "\"john doe\"@example.com"},
+        {"\"Doe, John\" <John@Example.com>", 1, true, "john@example.com"},
+        {"\"a\\\"b\" <x@y.z>", 1, true, "x@y.z"},
+        {"\"a\\\\\" <x@y.z>", 1, true, "x@y.z"},  // \\ does not escape the closing quote
+        {"\"ab\"", 0, false, std::nullopt},       // a phrase may not end the text
+        {"user@[192.0.2.1]", 0, false, "user@[192.0.2.1]"},
         // UTF-8 bytes are neither printable nor letters
-        {"j\xc3\xb6rg@example.com", 0, 0, false, std::nullopt},
-        {"\"J\xc3\xb6rg\" <j@example.com>", 0, 0, false, std::nullopt},
+        {"j\xc3\xb6rg@example.com", 0, false, std::nullopt},
+        {"\"J\xc3\xb6rg\" <j@example.com>", 0, false, std::nullopt},
         // brackets, bounces and comments
-        {"<>", 0, 1, true, std::nullopt},
-        {"< >", 0, 1, true, ""},
-        {"<user@example.com", 0, 0, false, std::nullopt},
-        {"Joe <joe@x.y> (home)", 0, 1, true, "joe@x.y"},
-        {"joe@x.y (Joe (at home))", 0, 1, false, "joe@x.y"},
-        {"(a\\)b)x@y.z", 0, 1, false, "x@y.z"},
-        {"(abc x@y.z", 0, 0, false, std::nullopt},
-        {"a@b.c <d@e.f>", 0, 0, false, "d@e.f"},
-        {"<a@b.c> <d@e.f>", 0, 0, false, "a@b.c"},
-        {"<a@b.c> \"x\"", 0, 0, false, "a@b.c"},
-        {"User+Tag@Example.COM", 1, 1, false, "user+tag@example.com"},
-        {"  user@example.com ", 0, 1, false, "user@example.com"},
+        {"<>", 1, true, std::nullopt},
+        {"< >", 1, true, ""},
+        {"<user@example.com", 0, false, std::nullopt},
+        {"Joe <joe@x.y> (home)", 1, true, "joe@x.y"},
+        {"joe@x.y (Joe (at home))", 1, false, "joe@x.y"},
+        {"(a\\)b)x@y.z", 1, false, "x@y.z"},
+        {"(abc x@y.z", 0, false, std::nullopt},
+        {"a@b.c <d@e.f>", 0, false, "d@e.f"},
+        {"<a@b.c> <d@e.f>", 0, false, "a@b.c"},
+        {"<a@b.c> \"x\"", 0, false, "a@b.c"},
+        {"User+Tag@Example.COM", 1, false, "user+tag@example.com"},
+        {"  user@example.com ", 1, false, "user@example.com"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.tricky.substr(0, 40));
-        EXPECT_EQ(ow_valid_email_address(c.tricky.c_str()), c.bare);
         bool bracketed = false;
         EXPECT_EQ(ow_rfc822_email_address(c.tricky.c_str(), &bracketed), c.field);
         EXPECT_EQ(bracketed, c.bracketed);
@@ -100,8 +97,7 @@ TEST_F(RfcTest, TrickyAddresses) {
     EXPECT_EQ(ow_rfc822_email_address(nullptr, nullptr), 1);
     EXPECT_EQ(ow_rfc822_email_address("", nullptr), 1);
     EXPECT_EQ(ow_rfc822_email_address("<>", nullptr), 1);
-    // Deep nesting costs neither stack nor time: 200,000 open comments.
-    // (Quietly: a DEBUG line per nested comment would dominate the run.)
+    // Deep nesting costs neither stack nor time (quietly: a DEBUG line per level would).
     ow_set_log_function(nullptr);
     const std::string deep = std::string(200000, '(') + "x" + std::string(200000, ')') + "a@b.c";
     EXPECT_EQ(ow_rfc822_email_address(deep.c_str(), nullptr), 1);

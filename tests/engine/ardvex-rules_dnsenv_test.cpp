@@ -15,6 +15,7 @@
 #include "ardvex-log.h"
 #include "ardvex-rules.h"
 #include "ardvex.h"
+#include "ardvex_config.h"
 #include "dnsenv.hpp"
 #include "is_local_domain.h"
 #include "owspamrule.h"
@@ -29,11 +30,23 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
    protected:
     static void SetUpTestSuite() {
         if (!dnsenv::inside()) return;
-        dnsenv::private_suite(ARDVEX_DYNAREGEX_DIR " " ARDVEX_CONTROL_DIR " " ARDVEX_LOG_DIR,
-                              "local.example.test local.example.test\n");
+        // Private tmpfs directories, and the Zimbra map of the local domains reached through
+        // the secure wrapper and the postmap stand-in.
+        const std::string work = dnsenv::env("DNSENV_WORK");
+        ASSERT_EQ(ow_test::sh(ARDVEX_SOURCE_DIR "/tests/support/private_dirs.sh " + work +
+                              "/private " ARDVEX_ZIMBRA_DIR " " ARDVEX_SUITE_BIN_DIR
+                              " " ARDVEX_DYNAREGEX_DIR " " ARDVEX_CONTROL_DIR " " ARDVEX_LOG_DIR),
+                  0);
+        ASSERT_EQ(ow_test::sh("install -D -m 755 " ARDVEX_BINARY_DIR
+                              "/tools/ardvex-secure " ARDVEX_SECURE_WRAPPER
+                              " && install -D -m 755 " ARDVEX_SOURCE_DIR
+                              "/tools/zimbra-postmap " ARDVEX_POSTMAP " && mkdir -p " +
+                              list_dir() + " $(dirname " ARDVEX_LDAP_VMD_MAP ")"),
+                  0);
+        ow_test::spit(ARDVEX_LDAP_VMD_MAP, "server_host = ldap://127.0.0.1:389\n");
+        ow_test::spit(ARDVEX_LDAP_VMD_MAP ".table", "local.example.test local.example.test\n");
         // A domain that sends only from its own network.
         ow_test::spit(ARDVEX_CONTROL_DIR "valid_domain_ips", "bank.example.test: 192.0.2.0/24\n");
-        ASSERT_EQ(ow_test::sh("mkdir -p " + list_dir()), 0);
         ASSERT_EQ(ow_add_entry(list_dir().c_str(), "from_blacklist", "*@spammer.example.test",
                                nullptr, strcasecmp),
                   nullptr);
@@ -48,8 +61,7 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
         dnsenv::script(R"({
           "1.113.0.203.in-addr.arpa": {"PTR": {"records": [
               "@ PTR 203-0-113-1.pool.example.test.", "@ PTR mail.example.test."]}},
-          "2.113.0.203.in-addr.arpa": {"PTR": {"records": [
-              "@ PTR host-203.0.113.2.dyn.example.test."]}},
+          "2.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR host-203.0.113.2.dyn.example.test."]}},
           "3.113.0.203.in-addr.arpa": {"*": {"rcode": 2}},
           "5.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR LOCALHOST.localdomain."]}},
           "20.113.0.203.in-addr.arpa": {"PTR": {"records": ["@ PTR mail.sender.example.test."]}},
@@ -88,6 +100,15 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
     std::string rdns() const { return s_.rdns != nullptr ? s_.rdns : "(null)"; }
     spam_session s_{};
 };
+
+// Compiles the patterns into the pattern directory's file with the administrator's tool.
+void compile_patterns(const std::string& file, const std::string& patterns) {
+    const std::string text = dnsenv::env("DNSENV_WORK") + "/" + file + ".txt";
+    ow_test::spit(text, patterns);
+    ASSERT_EQ(ow_test::sh(ARDVEX_BINARY_DIR "/tools/ardvex-regex-compile " + text +
+                          " " ARDVEX_DYNAREGEX_DIR + file + " >/dev/null"),
+              0);
+}
 
 // Today's record of the daily counter file.
 ardvex_counter_record today() {
@@ -137,9 +158,8 @@ TEST_F(OutsideWorldRuleTest, OnePtrLookupServesEveryReverseDnsRule) {
     s_.routable = false;
     for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
     EXPECT_EQ(ptr_queries("2"), 0u);
-}
 
-TEST_F(OutsideWorldRuleTest, TemporaryFailureIsCachedByAllButValidPtr) {
+    // A temporary failure is cached by every rule but valid_ptr.
     reset("203.0.113.3");
     EXPECT_FALSE(rule_valid_ptr(&s_));
     EXPECT_EQ(s_.ptr_state, SPAM_VERDICT_UNCHECKED);
@@ -166,16 +186,16 @@ TEST_F(OutsideWorldRuleTest, PatternFilesAndExemptions) {
     EXPECT_FALSE(rule_check_dynamic_reverse_dns(&s_));
     EXPECT_EQ(s_.rdns, nullptr);
 
-    dnsenv::compile_patterns("dyna.cregexes", "^host-[0-9.]+\\.dyn\\.\n");
-    dnsenv::compile_patterns("spam.cregexes", "\\.pool\\.example\\.test$\n");
-    dnsenv::compile_patterns("confirmed.cregexes", "dyn\\.example\\.test$\n");
+    compile_patterns("dyna.cregexes", "^host-[0-9.]+\\.dyn\\.\n");
+    compile_patterns("spam.cregexes", "\\.pool\\.example\\.test$\n");
+    compile_patterns("confirmed.cregexes", "dyn\\.example\\.test$\n");
     EXPECT_TRUE(rule_check_dynamic_reverse_dns(&s_));
     EXPECT_TRUE(rule_check_confirmed_dyna(&s_));
     EXPECT_FALSE(rule_check_reverse_dns_list(&s_));
     EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
 
     // An exempt name clears the client in the built-in rule and in every hook.
-    dnsenv::compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
+    compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
     s_.rdns = nullptr;
     EXPECT_FALSE(rule_check_dynamic_reverse_dns_default(&s_));
     EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
@@ -237,7 +257,7 @@ struct transaction {
 };
 
 TEST_F(OutsideWorldRuleTest, EachTransactionGetsItsVerdictNoticeLogLineAndCount) {
-    dnsenv::compile_patterns("dyna.cregexes", "^dsl-[a-z]+\\.isp\\.\n");
+    compile_patterns("dyna.cregexes", "^dsl-[a-z]+\\.isp\\.\n");
     log_program_name = "ardvex-test";
     const transaction table[] = {
         {},  // clean mail
@@ -264,7 +284,6 @@ TEST_F(OutsideWorldRuleTest, EachTransactionGetsItsVerdictNoticeLogLineAndCount)
         const std::string rule = t.rule;
         SCOPED_TRACE(std::string(t.ip) + " " + rule);
         reset(t.ip, t.helo, t.from);
-        s_.port = const_cast<char*>("40123");
         s_.rcpt_to = const_cast<char*>("bob@local.example.test");
         s_.list_dir = const_cast<char*>(lists.c_str());
         s_.is_ipv6 = t.ipv6;

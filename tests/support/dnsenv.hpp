@@ -1,5 +1,5 @@
 // dnsenv.hpp: what a test program run by tests/support/dnsenv.sh needs to drive its name
-// servers and its private directories, and the name arrays every DNS test reads. A program
+// servers, and the name arrays every DNS test reads. A program
 // whose name ends in _dnsenv_test runs inside dnsenv.sh; its fixture skips unless inside()
 // holds, so a stray run can never write the real /etc/hosts.
 #ifndef ARDVEX_TESTS_DNSENV_HPP
@@ -7,7 +7,6 @@
 
 #include <sstream>
 
-#include "ardvex_config.h"
 #include "scratch.hpp"
 
 namespace ow_test::dnsenv {
@@ -56,30 +55,6 @@ inline std::size_t query_count(const std::string& name, const std::string& type 
     std::size_t n = 0;
     for (std::string line; std::getline(log, line);) n += line.rfind(key, 0) == 0;
     return n;
-}
-
-// Compiles the patterns into the pattern directory's file with the administrator's tool.
-inline void compile_patterns(const std::string& file, const std::string& patterns) {
-    const std::string text = env("DNSENV_WORK") + "/" + file + ".txt";
-    spit(text, patterns);
-    ASSERT_EQ(sh(ARDVEX_BINARY_DIR "/tools/ardvex-regex-compile " + text +
-                 " " ARDVEX_DYNAREGEX_DIR + file + " >/dev/null"),
-              0);
-}
-
-// Gives each of dirs (blank-separated) a private tmpfs, and sets up the Zimbra map of the
-// local domains, reached through the secure wrapper and the postmap stand-in.
-inline void private_suite(const std::string& dirs, const std::string& local_domains) {
-    ASSERT_EQ(sh(ARDVEX_SOURCE_DIR "/tests/support/private_dirs.sh " + env("DNSENV_WORK") +
-                 "/private " ARDVEX_ZIMBRA_DIR " " ARDVEX_SUITE_BIN_DIR " " + dirs),
-              0);
-    ASSERT_EQ(
-        sh("install -D -m 755 " ARDVEX_BINARY_DIR "/tools/ardvex-secure " ARDVEX_SECURE_WRAPPER
-           " && install -D -m 755 " ARDVEX_SOURCE_DIR "/tools/zimbra-postmap " ARDVEX_POSTMAP
-           " && mkdir -p $(dirname " ARDVEX_LDAP_VMD_MAP ")"),
-        0);
-    spit(ARDVEX_LDAP_VMD_MAP, "server_host = ldap://127.0.0.1:389\n");
-    spit(ARDVEX_LDAP_VMD_MAP ".table", local_domains);
 }
 
 }  // namespace ow_test::dnsenv
