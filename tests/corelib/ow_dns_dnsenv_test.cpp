@@ -138,20 +138,16 @@ TEST_F(DnsLiveTest, HostsFileAnswersFirst) {
     EXPECT_EQ(take_names(names), strings{"localhost"});
 }
 
-// With nobody listening where the configuration points, both queries say so; the resolver
+// With nobody listening where the configuration points, the query says so; the resolver
 // notices the changed configuration on its own.
 TEST_F(DnsLiveTest, UnreachableServerIsNamedAsSuch) {
     const std::string options = "options timeout:1 attempts:1\n";
     ow_test::spit("/etc/resolv.conf", "nameserver 127.0.0.99\n" + options);
     const std::string line = std::string("DNS query failure: No nameservers could be reached: ") +
                              std::strerror(ECONNREFUSED);
-    char** names = nullptr;
     EXPECT_EQ(ow_resolv_MX("mx.plain.test", 0), 2);
-    EXPECT_EQ(ow_lookup_reverse_dns(&names, "192.0.2.10", 0, 0), 2);
     ow_test::spit("/etc/resolv.conf", "nameserver 127.0.0.1\n" + options);
     EXPECT_ERROR_LINE("ow_resolv_MX", line);
-    EXPECT_ERROR_LINE("ow_lookup_reverse_dns", line);
-    EXPECT_EQ(names, nullptr);
     EXPECT_EQ(ow_resolv_MX("mx.plain.test", 0), 0);
 }
 

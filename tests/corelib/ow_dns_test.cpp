@@ -177,8 +177,8 @@ TEST_F(DnsTest, ResponseCodesDecideBothWalks) {
     }
 }
 
-// A record that does not parse is passed over, and an MX record after it still counts.
-TEST_F(DnsTest, MxWalkPassesOverARecordItCannotRead) {
+TEST_F(DnsTest, WalksOverFoundAnswers) {
+    // A record that does not parse is passed over, and an MX record after it still counts.
     bytes msg = answer("example.test", ns_t_mx, 0, "mx.example.test");
     const std::size_t at = answer("example.test", ns_t_mx, 0).size();
     const std::size_t record = msg.size() - at;
@@ -190,9 +190,8 @@ TEST_F(DnsTest, MxWalkPassesOverARecordItCannotRead) {
     EXPECT_EQ(mx_walk(msg), 0);
     EXPECT_ERROR_LINE("ow_resolv_MX",
                       std::string("failed to parse RR: ") + std::strerror(EMSGSIZE));
-}
 
-TEST_F(DnsTest, PtrWalkReplacesTheCallersArrayOnlyOnSuccess) {
+    // The caller's array is replaced only on success.
     const bytes one = answer(reverse, ns_t_ptr, 0, "One.Example.TEST");
     char** names = nullptr;
     ASSERT_EQ(ptr_walk(one, &names), 0);
