@@ -211,11 +211,13 @@ TEST_F(DnsTest, WalksOverFoundAnswers) {
     EXPECT_EQ(take_names(names), strings{"one.example.test"});
 }
 
-std::pair<int32_t, strings> scan(const std::string& text, const char* query, int family) {
+// The scan of text for query, of the family its text shows.
+std::pair<int32_t, strings> scan(const std::string& text, const char* query) {
     std::string buffer = text;
     std::FILE* file = fmemopen(buffer.data(), buffer.size(), "r");
     EXPECT_NE(file, nullptr);
     char** names = reinterpret_cast<char**>(1);
+    const int family = std::strchr(query, ':') != nullptr ? AF_INET6 : AF_INET;
     const int32_t count = ow::dns::scan_hosts(file, query, family, &names);
     std::fclose(file);
     if (count < 0) return {count, {}};
@@ -244,18 +246,14 @@ TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
         "127.0.0.10 prefix-only\n"
         "127.0.0.1 last-line-without-newline";
 
-    const struct {
-        const char* query;
-        int family;
-        strings names;
-    } cases[] = {{"127.0.0.1", AF_INET, {"localhost", "loghost", "crlf\r", std::string(1012, 'f')}},
-                 {"::1", AF_INET6, {"ip6-localhost", "ip6-long", "IP6-Tab"}},
-                 {"2001:db8::a", AF_INET6, {"Upper"}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.query);
+    const std::pair<const char*, strings> cases[] = {
+        {"127.0.0.1", {"localhost", "loghost", "crlf\r", std::string(1012, 'f')}},
+        {"::1", {"ip6-localhost", "ip6-long", "IP6-Tab"}},
+        {"2001:db8::a", {"Upper"}}};
+    for (const auto& [query, names] : cases) {
+        SCOPED_TRACE(query);
         clear_log();
-        EXPECT_EQ(scan(hosts, c.query, c.family),
-                  std::make_pair(static_cast<int32_t>(c.names.size()), c.names));
+        EXPECT_EQ(scan(hosts, query), std::make_pair(static_cast<int32_t>(names.size()), names));
         EXPECT_ERROR_LINE("ow_gethostent", "Address[] in /etc/hosts is not an IP");
         EXPECT_ERROR_LINE("ow_gethostent", "Address[notanip] in /etc/hosts is not an IP");
     }
@@ -265,7 +263,7 @@ TEST_F(DnsTest, HostsScanReadsLinesTheWayTheFileMeansThem) {
         SCOPED_TRACE(n);
         clear_log();
         ow::testing::fail_allocation(n);
-        EXPECT_EQ(scan("::1 a b\n", "::1", AF_INET6).first, -1);
+        EXPECT_EQ(scan("::1 a b\n", "::1").first, -1);
         EXPECT_ERROR_LINE("ow_gethostent", std::strerror(ENOMEM));
     }
 }

@@ -54,8 +54,7 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
             {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
 }
 
-// Addresses that mail software meets in practice, judged as an address field and as a mailbox
-// whose address is extracted.
+// Addresses met in practice, judged as an address field and as a mailbox to extract from.
 TEST_F(RfcTest, TrickyAddresses) {
     const struct {
         std::string tricky;
@@ -180,8 +179,7 @@ TEST_F(RfcTest, RefusalsAndAllocationFailures) {
     refused("ow_extract_address_from_mailbox", "zero length address", {true});
 
     const std::string enomem = std::strerror(ENOMEM);
-    // The field check accepts when it cannot run, whether the copy of the field or the copy
-    // of the bracketed address fails; the extraction fails on either.
+    // The field check accepts when either copy fails (it cannot run); the extraction fails.
     for (long n : {1L, 2L}) {
         SCOPED_TRACE(n);
         bool bracketed = false;

@@ -1,9 +1,7 @@
-// The rules that ask the DNS or the outside world, run inside tests/support/dnsenv.sh: HELO
-// and sender domain verdicts, the one PTR lookup per transaction shared by the reverse-DNS
-// rules (counted at the scripted server), pattern files written by ardvex-regex-compile, and
-// the Zimbra map asked through the secure wrapper and the postmap stand-in. Then whole
-// transactions judged the way the hosting mail-server component does it (rule_walk.hpp), with
-// real list, range, pattern and forgery files, the real message log and counter files.
+// The rules that ask the outside world, inside tests/support/dnsenv.sh: HELO and sender domain
+// verdicts, the one PTR lookup per transaction (counted at the scripted server), compiled
+// pattern files, the Zimbra map; then whole transactions judged as the hosting mail server
+// does it (rule_walk.hpp), down to the message log and the counter files.
 #include <strings.h>
 
 #include <algorithm>
@@ -30,8 +28,7 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
    protected:
     static void SetUpTestSuite() {
         if (!dnsenv::inside()) return;
-        // Private tmpfs directories, and the Zimbra map of the local domains reached through
-        // the secure wrapper and the postmap stand-in.
+        // Private directories; the Zimbra map reached through the wrapper and postmap stand-in.
         const std::string work = dnsenv::env("DNSENV_WORK");
         ASSERT_EQ(ow_test::sh(ARDVEX_SOURCE_DIR "/tests/support/private_dirs.sh " + work +
                               "/private " ARDVEX_ZIMBRA_DIR " " ARDVEX_SUITE_BIN_DIR
@@ -97,7 +94,6 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
     static std::size_t ptr_queries(const char* last_octet) {
         return dnsenv::query_count(std::string(last_octet) + ".113.0.203.in-addr.arpa", "PTR");
     }
-    std::string rdns() const { return s_.rdns != nullptr ? s_.rdns : "(null)"; }
     spam_session s_{};
 };
 
@@ -137,14 +133,13 @@ TEST_F(OutsideWorldRuleTest, OnePtrLookupServesEveryReverseDnsRule) {
     reset("203.0.113.1");
     EXPECT_FALSE(rule_valid_ptr(&s_));
     ASSERT_STREQ(s_.ptr_names[0], "203-0-113-1.pool.example.test");
-    EXPECT_EQ(rdns(), s_.ptr_names[0]);
+    EXPECT_EQ(s_.rdns, s_.ptr_names[0]);
     s_.rdns = nullptr;
     for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
     EXPECT_EQ(ptr_queries("1"), 1u) << dnsenv::queries();
     EXPECT_EQ(s_.ptr_state, SPAM_PTR_FOUND);
-    // The pool name matches the address pattern, the second name does not: it is the one
-    // that clears the client.
-    EXPECT_EQ(rdns(), "mail.example.test");
+    // The pool name matches the address pattern; the second name clears the client.
+    EXPECT_STREQ(s_.rdns, "mail.example.test");
 
     // No such name: only the missing-PTR rule matches, fresh or cached.
     reset("203.0.113.4");
@@ -192,13 +187,13 @@ TEST_F(OutsideWorldRuleTest, PatternFilesAndExemptions) {
     EXPECT_TRUE(rule_check_dynamic_reverse_dns(&s_));
     EXPECT_TRUE(rule_check_confirmed_dyna(&s_));
     EXPECT_FALSE(rule_check_reverse_dns_list(&s_));
-    EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
+    EXPECT_STREQ(s_.rdns, "host-203.0.113.2.dyn.example.test");
 
     // An exempt name clears the client in the built-in rule and in every hook.
     compile_patterns("exempt.cregexes", "^host-203\\.0\\.113\\.2\\.\n");
     s_.rdns = nullptr;
     EXPECT_FALSE(rule_check_dynamic_reverse_dns_default(&s_));
-    EXPECT_EQ(rdns(), "host-203.0.113.2.dyn.example.test");
+    EXPECT_STREQ(s_.rdns, "host-203.0.113.2.dyn.example.test");
     for (auto rule : rdns_rules) EXPECT_FALSE(rule(&s_));
     EXPECT_EQ(ptr_queries("2"), 1u);
 
@@ -258,7 +253,6 @@ struct transaction {
 
 TEST_F(OutsideWorldRuleTest, EachTransactionGetsItsVerdictNoticeLogLineAndCount) {
     compile_patterns("dyna.cregexes", "^dsl-[a-z]+\\.isp\\.\n");
-    log_program_name = "ardvex-test";
     const transaction table[] = {
         {},  // clean mail
         {.ip = "203.0.113.21",
