@@ -14,8 +14,6 @@ using ow_test::dnsenv::take_names;
 
 const std::string emsgsize = std::strerror(EMSGSIZE);
 const std::string timed_out = std::string("DNS query failure: ") + std::strerror(ETIMEDOUT);
-const std::string formerr =
-    "DNS query response failure: Name server thinks the query format is invalid";
 
 class DnsLiveTest : public ow_test::LogCaptureTest {
    protected:
@@ -49,7 +47,8 @@ TEST_F(DnsLiveTest, AddressAndMailExchangerLookups) {
         {"mx.plain.test", 2, 0, 0, ""},             // EAI_NODATA, and a mail exchanger
         {"nx.plain.test", 1, 1, 1, ""},             // EAI_NONAME and NXDOMAIN
         {"cname-only.scripted.test", 2, 1, 2, ""},  // the answer holds the CNAME chain only
-        {"formerr.scripted.test", 1, 2, 2, formerr},
+        {"formerr.scripted.test", 1, 2, 2,
+         "DNS query response failure: Name server thinks the query format is invalid"},
         // The resolver library drops these answers as the server's failure and, with
         // no other server to ask, gives up as it does on silence.
         {"servfail.scripted.test", 2, 2, 2, timed_out},

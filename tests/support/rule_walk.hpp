@@ -1,8 +1,7 @@
-// rule_walk.hpp: one transaction judged the way the hosting mail-server component does it,
-// through the library's C interface only: walk the started engine's rules in order, skip
-// those the host carries out itself or has switched off, stop at the first whitelist or
-// blocking match, build the notice and log the verdict. Shared by the end-to-end test and
-// the per-transaction benchmark so both measure the same walk.
+// rule_walk.hpp: one transaction judged as the hosting mail-server component does it, through
+// the C interface only: the started engine's rules in order, up to the first whitelist or
+// blocking match, its notice, the logged verdict. The end-to-end test and the per-transaction
+// benchmark share it so both measure the same walk.
 #ifndef ARDVEX_TESTS_RULE_WALK_HPP
 #define ARDVEX_TESTS_RULE_WALK_HPP
 
