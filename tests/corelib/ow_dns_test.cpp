@@ -22,22 +22,18 @@ using bytes = std::vector<unsigned char>;
 // when ptr is given, one PTR record naming it.
 bytes answer(const std::string& qname, int qtype, int rcode, const char* ptr = nullptr) {
     bytes msg(512);
-    const int n = res_mkquery(ns_o_query, qname.c_str(), ns_c_in, qtype, nullptr, 0, nullptr,
-                              msg.data(), static_cast<int>(msg.size()));
-    msg.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    if (msg.size() < 12) return msg;
+    msg.resize(static_cast<std::size_t>(res_mkquery(ns_o_query, qname.c_str(), ns_c_in, qtype,
+                                                    nullptr, 0, nullptr, msg.data(), 512)));
     msg[2] |= 0x80;  // a response
     msg[3] = static_cast<unsigned char>(0x80 | rcode);
-    if (ptr != nullptr) {
-        unsigned char name[256];
-        const int length = dn_comp(ptr, name, sizeof name, nullptr, nullptr);
-        msg[7] = 1;
-        // Owner: a pointer to the question's name; type PTR, class IN, TTL 60.
-        const bytes head{0xc0, 0x0c, 0, 12, 0, 1,
-                         0,    0,    0, 60, 0, static_cast<unsigned char>(length)};
-        msg.insert(msg.end(), head.begin(), head.end());
-        msg.insert(msg.end(), name, name + length);
-    }
+    if (ptr == nullptr) return msg;
+    unsigned char name[256];
+    const auto length =
+        static_cast<unsigned char>(dn_comp(ptr, name, sizeof name, nullptr, nullptr));
+    msg[7] = 1;
+    // Owner: a pointer to the question's name; type PTR, class IN, TTL 60.
+    msg.insert(msg.end(), {0xc0, 0x0c, 0, 12, 0, 1, 0, 0, 0, 60, 0, length});
+    msg.insert(msg.end(), name, name + length);
     return msg;
 }
 

@@ -102,13 +102,12 @@ void compile_patterns(const std::string& file, const std::string& patterns) {
 // Today's record of the daily counter file.
 ardvex_counter_record today() {
     ardvex_counter_record r{};
-    char month[16];
     const std::time_t now = std::time(nullptr);
     std::tm tm{};
     localtime_r(&now, &tm);
-    std::snprintf(month, sizeof month, "%02d", tm.tm_mon + 1);
-    std::ifstream in(std::string(ARDVEX_LOG_DIR) + ARDVEX_COUNTER_BASE "." + month,
-                     std::ios::binary);
+    char path[128];
+    std::snprintf(path, sizeof path, ARDVEX_LOG_DIR ARDVEX_COUNTER_BASE ".%02d", tm.tm_mon + 1);
+    std::ifstream in(path, std::ios::binary);
     in.seekg(ARDVEX_COUNTER_HEADER_SIZE + sizeof r * (tm.tm_mday - 1));
     in.read(reinterpret_cast<char*>(&r), sizeof r);
     return r;
