@@ -22,7 +22,6 @@ class DnsLiveTest : public ow_test::LogCaptureTest {
         if (std::string(ARDVEX_HOSTS_FILE) != "/etc/hosts") GTEST_SKIP() << "hosts file moved";
         LogCaptureTest::SetUp();
         ow_test::spit("/etc/hosts", "127.0.0.1\tlocalhost\n");
-        dnsenv::script("{}");
         dnsenv::reset_queries();
     }
 };
