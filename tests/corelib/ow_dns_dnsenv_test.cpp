@@ -2,6 +2,8 @@
 // ones, dns_script.json), both started by tests/support/dnsenv.sh, with a private /etc/hosts.
 #include <sys/mount.h>
 
+#include <tuple>
+
 #include "ardvex_config.h"
 #include "dnsenv.hpp"
 #include "ow_dns.h"
@@ -32,15 +34,10 @@ void expect_error(const char* func, const std::string& error) {
     EXPECT_TRUE(error.empty() || ow_test::has_error(func, error)) << ow_test::dump();
 }
 
-// Each name asked three ways: an address of either family, a mail exchanger, either of the
-// two (the MX query made only when no address was found).
+// Each name asked for an address of either family, a mail exchanger, and either of the two.
 TEST_F(DnsLiveTest, AddressAndMailExchangerLookups) {
     const std::string no_answer = "Expected at least 1 answers from server";
-    const struct {
-        const char* domain;
-        int32_t a, mx, a_or_mx;
-        std::string error;  // of the MX lookup
-    } cases[] = {
+    const std::tuple<const char*, int32_t, int32_t, int32_t, std::string> cases[] = {
         {"a.plain.test", 0, 2, 0, no_answer},
         {"aaaa.plain.test", 0, 2, 0, no_answer},
         {"mx.plain.test", 2, 0, 0, ""},             // EAI_NODATA, and a mail exchanger
@@ -57,14 +54,14 @@ TEST_F(DnsLiveTest, AddressAndMailExchangerLookups) {
         {"owner-loop.scripted.test", 2, 2, 2, "failed to parse RR: " + emsgsize},
         {"tc.scripted.test", 2, 0, 0, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.domain);
+    for (const auto& [domain, a, mx, a_or_mx, mx_error] : cases) {
+        SCOPED_TRACE(domain);
         clear_log();
-        EXPECT_EQ(ow_resolv_A(c.domain, 0), c.a);
+        EXPECT_EQ(ow_resolv_A(domain, 0), a);
         EXPECT_NO_ERRORS();
-        EXPECT_EQ(ow_resolv_MX(c.domain, 0), c.mx);
-        expect_error("ow_resolv_MX", c.error);
-        EXPECT_EQ(ow_has_a_or_mx(c.domain, 0), c.a_or_mx);
+        EXPECT_EQ(ow_resolv_MX(domain, 0), mx);
+        expect_error("ow_resolv_MX", mx_error);
+        EXPECT_EQ(ow_has_a_or_mx(domain, 0), a_or_mx);
     }
     EXPECT_EQ(dnsenv::query_count("a.plain.test", "MX"), 1u) << dnsenv::queries();
     EXPECT_EQ(dnsenv::query_count("nx.plain.test", "MX"), 2u) << dnsenv::queries();
@@ -73,13 +70,7 @@ TEST_F(DnsLiveTest, AddressAndMailExchangerLookups) {
 }
 
 TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
-    const struct {
-        const char* ip;
-        int32_t mode;
-        int32_t verdict;
-        strings names;
-        std::string error;
-    } cases[] = {
+    const std::tuple<const char*, int32_t, int32_t, strings, std::string> cases[] = {
         {"192.0.2.11", 0, 0, {"third.plain.test", "second.plain.test", "first.plain.test"}, ""},
         {"192.0.2.12", 0, 1, {}, ""},
         // Mode 1 takes the first PTR record, past the CNAME of a classless delegation.
@@ -93,13 +84,13 @@ TEST_F(DnsLiveTest, ReverseLookupReturnsPtrNamesByMode) {
         {"198.51.100.9", 0, 2, {}, "Failed to uncompress response value: " + emsgsize},
         {"198.51.100.12", 0, 2, {}, "Failed to parse NS server response: " + emsgsize},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.ip) + " mode " + std::to_string(c.mode));
+    for (const auto& [ip, mode, verdict, found, error] : cases) {
+        SCOPED_TRACE(std::string(ip) + " mode " + std::to_string(mode));
         clear_log();
         char** names = nullptr;
-        EXPECT_EQ(ow_lookup_reverse_dns(&names, c.ip, 0, c.mode), c.verdict);
-        EXPECT_EQ(take_names(names), c.names);
-        expect_error("ow_lookup_reverse_dns", c.error);
+        EXPECT_EQ(ow_lookup_reverse_dns(&names, ip, 0, mode), verdict);
+        EXPECT_EQ(take_names(names), found);
+        expect_error("ow_lookup_reverse_dns", error);
     }
     EXPECT_EQ(dnsenv::query_count("14.100.51.198.in-addr.arpa", "PTR"), 2u) << dnsenv::queries();
 }

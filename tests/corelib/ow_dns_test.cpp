@@ -1,5 +1,5 @@
-// The DNS module without a name server: conversions, refusals, and the walks over received
-// bytes that a real server cannot produce (ow_dns_dnsenv_test.cpp has the real lookups).
+// The DNS module without a server: conversions, refusals, walks over bytes no real server
+// sends (ow_dns_dnsenv_test.cpp has the real lookups).
 #include "ow_dns.h"
 
 #include <arpa/inet.h>
@@ -187,11 +187,10 @@ TEST_F(DnsTest, WalksOverFoundAnswers) {
     EXPECT_ERROR_LINE("ow_resolv_MX",
                       std::string("failed to parse RR: ") + std::strerror(EMSGSIZE));
 
-    // The caller's array is replaced only on success.
     const bytes one = answer(reverse, ns_t_ptr, 0, "One.Example.TEST");
     char** names = nullptr;
     ASSERT_EQ(ptr_walk(one, &names), 0);
-    // The array held before is freed (the leak checker sees to it) and replaced.
+    // The caller's array is freed (the leak checker sees to it) and replaced on success only.
     ASSERT_EQ(ptr_walk(one, &names, 1), 0);
     char** const second = names;
     EXPECT_EQ(ptr_walk(answer(reverse, ns_t_ptr, 3), &names), 1);

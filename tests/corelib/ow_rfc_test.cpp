@@ -1,6 +1,7 @@
 #include "ow_rfc.h"
 
 #include <optional>
+#include <tuple>
 
 #include "ow_internal.hpp"
 #include "scratch.hpp"
@@ -54,14 +55,9 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
             {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
 }
 
-// Addresses met in practice, judged as an address field and as a mailbox to extract from.
+// Addresses met in practice: the field check, its bracket flag, the address extracted.
 TEST_F(RfcTest, TrickyAddresses) {
-    const struct {
-        std::string tricky;
-        int field;                           // ow_rfc822_email_address
-        bool bracketed;                      // its out-flag
-        std::optional<std::string> mailbox;  // ow_extract_address_from_mailbox
-    } cases[] = {
+    const std::tuple<std::string, int, bool, std::optional<std::string>> cases[] = {
         {"\"john doe\"@example.com", 0, false, "\"john doe\"@example.com"},
         {"<\"john doe\"@example.com>", 0, false, "\"john doe\"@example.com"},
         {"\"Doe, John\" <John@Example.com>", 1, true, "john@example.com"},
@@ -86,12 +82,12 @@ TEST_F(RfcTest, TrickyAddresses) {
         {"User+Tag@Example.COM", 1, false, "user+tag@example.com"},
         {"  user@example.com ", 1, false, "user@example.com"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.tricky.substr(0, 40));
+    for (const auto& [tricky, field, in_brackets, mailbox] : cases) {
+        SCOPED_TRACE(tricky.substr(0, 40));
         bool bracketed = false;
-        EXPECT_EQ(ow_rfc822_email_address(c.tricky.c_str(), &bracketed), c.field);
-        EXPECT_EQ(bracketed, c.bracketed);
-        EXPECT_EQ(extract(c.tricky.c_str()), c.mailbox);
+        EXPECT_EQ(ow_rfc822_email_address(tricky.c_str(), &bracketed), field);
+        EXPECT_EQ(bracketed, in_brackets);
+        EXPECT_EQ(extract(tricky.c_str()), mailbox);
     }
     EXPECT_EQ(ow_rfc822_email_address(nullptr, nullptr), 1);
     EXPECT_EQ(ow_rfc822_email_address("", nullptr), 1);
@@ -105,11 +101,7 @@ TEST_F(RfcTest, TrickyAddresses) {
 }
 
 TEST_F(RfcTest, SplittingAndParsingHeaders) {
-    const struct {
-        const char* header;
-        strings pieces;     // ow_split_addresses
-        strings addresses;  // ow_parse_addresses_from_header
-    } cases[] = {
+    const std::tuple<const char*, strings, strings> cases[] = {
         {"a@b.c, \"x, y\" <D@E.f>, (p,q) g@h.i",
          {"a@b.c", "\"x, y\" <D@E.f>", "(p,q) g@h.i"},
          {"a@b.c", "d@e.f", "g@h.i"}},
@@ -123,10 +115,10 @@ TEST_F(RfcTest, SplittingAndParsingHeaders) {
         {"<>, \"bad, a@b.c", {"<>", "\"bad, a@b.c"}, {}},
         {"(x\\", {"(x\\"}, {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.header);
-        EXPECT_EQ(take(ow_split_addresses(c.header)), c.pieces);
-        EXPECT_EQ(take(ow_parse_addresses_from_header(c.header)), c.addresses);
+    for (const auto& [header, pieces, addresses] : cases) {
+        SCOPED_TRACE(header);
+        EXPECT_EQ(take(ow_split_addresses(header)), pieces);
+        EXPECT_EQ(take(ow_parse_addresses_from_header(header)), addresses);
     }
     EXPECT_EQ(ow_split_addresses(""), nullptr);
     refused("ow_parse_addresses_from_header", "Unable to split address list",

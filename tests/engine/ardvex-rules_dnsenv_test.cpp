@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <tuple>
 
 #include "ardvex-iprange.h"
 #include "ardvex-log.h"
@@ -72,7 +73,6 @@ class OutsideWorldRuleTest : public ow_test::LogCaptureTest {
         ardvex_shutdown();
         LogCaptureTest::TearDown();
     }
-    // A fresh transaction from ip.
     void reset(const char* ip = nullptr, const char* helo = nullptr, const char* from = nullptr) {
         std::free(s_.helo);
         std::free(s_.mail_from);

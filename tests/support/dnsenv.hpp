@@ -1,7 +1,6 @@
-// dnsenv.hpp: what a test program run by tests/support/dnsenv.sh needs to drive its name
-// servers, and the name arrays every DNS test reads. A program
-// whose name ends in _dnsenv_test runs inside dnsenv.sh; its fixture skips unless inside()
-// holds, so a stray run can never write the real /etc/hosts.
+// dnsenv.hpp: what a program run by tests/support/dnsenv.sh (any *_dnsenv_test) needs to drive
+// its name servers, and the name arrays every DNS test reads. Its fixture skips unless
+// inside() holds, so a stray run can never write the real /etc/hosts.
 #ifndef ARDVEX_TESTS_DNSENV_HPP
 #define ARDVEX_TESTS_DNSENV_HPP
 
