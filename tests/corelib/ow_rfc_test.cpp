@@ -1,39 +1,29 @@
 #include "ow_rfc.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
+#include <tuple>
 
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
+#include "scratch.hpp"
 
 namespace {
 
 using ow_test::refused;
 using strings = std::vector<std::string>;
-using namespace std::string_literals;
 
 strings take(ow_list* list) {
     strings out;
     for (const ow_list* e = list; e != nullptr; e = e->next) {
-        const auto* s = static_cast<const char*>(e->data);
-        out.emplace_back(s);
-        EXPECT_EQ(e->size, out.back().size() + 1) << s;
+        out.emplace_back(static_cast<const char*>(e->data));
+        EXPECT_EQ(e->size, out.back().size() + 1) << out.back();
     }
     ow_destroy_list(&list, std::free);
     return out;
 }
 
 std::optional<std::string> extract(const char* mailbox) {
-    char* s = ow_extract_address_from_mailbox(mailbox);
-    if (s == nullptr) return std::nullopt;
-    std::string out = s;
-    std::free(s);
-    return out;
+    const ow::unique_cstr s(ow_extract_address_from_mailbox(mailbox));
+    return s ? std::optional<std::string>(s.get()) : std::nullopt;
 }
 
 const std::string long_label(std::size_t n) { return std::string(n, 'a'); }
@@ -52,79 +42,57 @@ TEST_F(RfcTest, DomainsAndBareAddresses) {
     for (const auto& [domain, valid] : domains)
         EXPECT_EQ(ow_valid_domain(domain.c_str()), valid) << domain;
     EXPECT_EQ(ow_valid_domain(nullptr), 0);
-    for (const std::string& good :
-         {std::string("o'neil+x@b.c"), "!#$%&'*+-/=?^_`{|}~@b.c"s, "x@" + d254}) {
-        EXPECT_EQ(ow_valid_email_address(good.c_str()), 1) << good;
-    }
-    for (const std::string& bad :
-         {"x@" + d254 + "a", "x@.." + d254.substr(2), "abc"s, "@b.c"s, "a@"s, "a@b"s, "a@b@c.d"s,
-          ".a@b.c"s, "a.@b.c"s, "a..b@c.d"s, "a b@c.d"s, "a\\b@c.d"s}) {
-        EXPECT_EQ(ow_valid_email_address(bad.c_str()), 0) << bad.substr(0, 40);
-    }
+    // No limit on the local part.
+    const strings good = {"o'neil+x@b.c", "!#$%&'*+-/=?^_`{|}~@b.c", "x@" + d254,
+                          long_label(65) + "@b.c"};
+    const strings bad = {
+        "abc",    "@b.c",     "a@",      "a@b",      "a@b@c.d",         ".a@b.c",
+        "a.@b.c", "a..b@c.d", "a b@c.d", "a\\b@c.d", "x@" + d254 + "a", "x@.." + d254.substr(2)};
+    for (const auto& a : good) EXPECT_EQ(ow_valid_email_address(a.c_str()), 1) << a;
+    for (const auto& a : bad) EXPECT_EQ(ow_valid_email_address(a.c_str()), 0) << a.substr(0, 40);
     EXPECT_NO_ERRORS();
     refused("ow_valid_email_address", std::strerror(EINVAL),
             {!ow_valid_email_address(nullptr), !ow_valid_email_address("")});
 }
 
-// Addresses that mail software meets in practice, judged by every operation at once: as a
-// bare address, as an address field, and as a mailbox whose address is extracted.
+// Addresses met in practice: the field check, its bracket flag, the address extracted.
 TEST_F(RfcTest, TrickyAddresses) {
-    const std::string local65 = long_label(65);
-    const struct {
-        std::string tricky;
-        int bare;                            // ow_valid_email_address
-        int field;                           // ow_rfc822_email_address
-        bool bracketed;                      // its out-flag
-        std::optional<std::string> mailbox;  // ow_extract_address_from_mailbox
-    } cases[] = {
-        {"\"john doe\"@example.com", 0, 0, false, "\"john doe\"@example.com"},
-        {"<\"john doe\"@example.com>", 0, 0, false, "\"john doe\"@example.com"},
-        {"\"Doe, John\" <John@Example.com>", 0, 1, true, "john@example.com"},
-        {"\"a\\\"b\" <x@y.z>", 0, 1, true, "x@y.z"},
-        {"\"a\\\\\" <x@y.z>", 0, 1, true, "x@y.z"},  // \\ does not escape the closing quote
-        {"\"ab\"", 0, 0, false, std::nullopt},       // a phrase may not end the text
-        {"\"unterminated <x@y.z>", 0, 0, false, std::nullopt},
-        {"user@[192.0.2.1]", 0, 0, false, "user@[192.0.2.1]"},
-        {"<user@[IPv6:2001:db8::1]>", 0, 0, false, "user@[ipv6:2001:db8::1]"},
-        {"user@192.0.2.1", 0, 0, false, "user@192.0.2.1"},
-        {"user@example.com.", 0, 0, false, "user@example.com."},
-        {"user.@example.com", 0, 0, false, "user.@example.com"},
-        {"user@example..com", 0, 0, false, "user@example..com"},
-        // length limits: no limit on the local part
-        {local65 + "@example.com", 1, 1, false, local65 + "@example.com"},
+    const std::tuple<std::string, int, bool, std::optional<std::string>> cases[] = {
+        {"\"john doe\"@example.com", 0, false, "\"john doe\"@example.com"},
+        {"<\"john doe\"@example.com>", 0, false, "\"john doe\"@example.com"},
+        {"\"Doe, John\" <John@Example.com>", 1, true, "john@example.com"},
+        {"\"a\\\"b\" <x@y.z>", 1, true, "x@y.z"},
+        {"\"a\\\\\" <x@y.z>", 1, true, "x@y.z"},  // \\ does not escape the closing quote
+        {"\"ab\"", 0, false, std::nullopt},       // a phrase may not end the text
+        {"user@[192.0.2.1]", 0, false, "user@[192.0.2.1]"},
         // UTF-8 bytes are neither printable nor letters
-        {"j\xc3\xb6rg@example.com", 0, 0, false, std::nullopt},
-        {"\"J\xc3\xb6rg\" <j@example.com>", 0, 0, false, std::nullopt},
+        {"j\xc3\xb6rg@example.com", 0, false, std::nullopt},
+        {"\"J\xc3\xb6rg\" <j@example.com>", 0, false, std::nullopt},
         // brackets, bounces and comments
-        {"<>", 0, 1, true, std::nullopt},
-        {"< >", 0, 1, true, ""},
-        {"<user@example.com", 0, 0, false, std::nullopt},
-        {"Joe <joe@x.y> (home)", 0, 1, true, "joe@x.y"},
-        {"joe@x.y (Joe (at home))", 0, 1, false, "joe@x.y"},
-        {"(a(b)c)rest@x.y", 0, 1, false, "rest@x.y"},
-        {"(a\\)b)x@y.z", 0, 1, false, "x@y.z"},
-        {"(abc x@y.z", 0, 0, false, std::nullopt},
-        {"a@b.c <d@e.f>", 0, 0, false, "d@e.f"},
-        {"<a@b.c> <d@e.f>", 0, 0, false, "a@b.c"},
-        {"<a@b.c> \"x\"", 0, 0, false, "a@b.c"},
-        {"mailto:user@example.com", 0, 0, false, "mailto:user@example.com"},
-        {"a;b@c.d", 0, 0, false, "a;b@c.d"},
-        {"User+Tag@Example.COM", 1, 1, false, "user+tag@example.com"},
-        {"  user@example.com ", 0, 1, false, "user@example.com"},
+        {"<>", 1, true, std::nullopt},
+        {"< >", 1, true, ""},
+        {"<user@example.com", 0, false, std::nullopt},
+        {"Joe <joe@x.y> (home)", 1, true, "joe@x.y"},
+        {"joe@x.y (Joe (at home))", 1, false, "joe@x.y"},
+        {"(a\\)b)x@y.z", 1, false, "x@y.z"},
+        {"(abc x@y.z", 0, false, std::nullopt},
+        {"a@b.c <d@e.f>", 0, false, "d@e.f"},
+        {"<a@b.c> <d@e.f>", 0, false, "a@b.c"},
+        {"<a@b.c> \"x\"", 0, false, "a@b.c"},
+        {"User+Tag@Example.COM", 1, false, "user+tag@example.com"},
+        {"  user@example.com ", 1, false, "user@example.com"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.tricky.substr(0, 40));
-        EXPECT_EQ(ow_valid_email_address(c.tricky.c_str()), c.bare);
+    for (const auto& [tricky, field, in_brackets, mailbox] : cases) {
+        SCOPED_TRACE(tricky.substr(0, 40));
         bool bracketed = false;
-        EXPECT_EQ(ow_rfc822_email_address(c.tricky.c_str(), &bracketed), c.field);
-        EXPECT_EQ(bracketed, c.bracketed);
-        EXPECT_EQ(extract(c.tricky.c_str()), c.mailbox);
+        EXPECT_EQ(ow_rfc822_email_address(tricky.c_str(), &bracketed), field);
+        EXPECT_EQ(bracketed, in_brackets);
+        EXPECT_EQ(extract(tricky.c_str()), mailbox);
     }
     EXPECT_EQ(ow_rfc822_email_address(nullptr, nullptr), 1);
     EXPECT_EQ(ow_rfc822_email_address("", nullptr), 1);
     EXPECT_EQ(ow_rfc822_email_address("<>", nullptr), 1);
-    // Deep nesting costs neither stack nor time: 200,000 open comments.
-    // (Quietly: a DEBUG line per nested comment would dominate the run.)
+    // Deep nesting costs neither stack nor time (quietly: a DEBUG line per level would).
     ow_set_log_function(nullptr);
     const std::string deep = std::string(200000, '(') + "x" + std::string(200000, ')') + "a@b.c";
     EXPECT_EQ(ow_rfc822_email_address(deep.c_str(), nullptr), 1);
@@ -133,82 +101,63 @@ TEST_F(RfcTest, TrickyAddresses) {
 }
 
 TEST_F(RfcTest, SplittingAndParsingHeaders) {
-    const struct {
-        const char* header;
-        strings pieces;     // ow_split_addresses
-        strings addresses;  // ow_parse_addresses_from_header
-    } cases[] = {
+    const std::tuple<const char*, strings, strings> cases[] = {
         {"a@b.c, \"x, y\" <D@E.f>, (p,q) g@h.i",
          {"a@b.c", "\"x, y\" <D@E.f>", "(p,q) g@h.i"},
          {"a@b.c", "d@e.f", "g@h.i"}},
-        {"a@b.c,", {"a@b.c"}, {"a@b.c"}},
         {"a@b.c, ", {"a@b.c"}, {"a@b.c"}},
         {"a@b.c,,d@e.f", {"a@b.c", "", "d@e.f"}, {"a@b.c", "d@e.f"}},
-        {",a@b.c", {"", "a@b.c"}, {"a@b.c"}},
         {"  x   y  <a@b.c>  ", {"x y <a@b.c>"}, {"a@b.c"}},
         {"\"q\\\",\" <a@b.c>, d@e.f", {"\"q\\\",\" <a@b.c>", "d@e.f"}, {"a@b.c", "d@e.f"}},
         {"(\\), x) a@b.c, d@e.f", {"(\\), x) a@b.c", "d@e.f"}, {"a@b.c", "d@e.f"}},
         {"a\\,b@c.d", {"a\\", "b@c.d"}, {"a\\", "b@c.d"}},              // no escape outside quotes
         {"x) a@b.c, d@e.f", {"x) a@b.c, d@e.f"}, {"x) a@b.c, d@e.f"}},  // unmatched )
         {"<>, \"bad, a@b.c", {"<>", "\"bad, a@b.c"}, {}},
-        {"ends with \\", {"ends with \\"}, {"ends with \\"}},
         {"(x\\", {"(x\\"}, {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.header);
-        EXPECT_EQ(take(ow_split_addresses(c.header)), c.pieces);
-        EXPECT_EQ(take(ow_parse_addresses_from_header(c.header)), c.addresses);
+    for (const auto& [header, pieces, addresses] : cases) {
+        SCOPED_TRACE(header);
+        EXPECT_EQ(take(ow_split_addresses(header)), pieces);
+        EXPECT_EQ(take(ow_parse_addresses_from_header(header)), addresses);
     }
     EXPECT_EQ(ow_split_addresses(""), nullptr);
-    clear_log();
-    EXPECT_EQ(ow_parse_addresses_from_header(" \t "), nullptr);
-    EXPECT_ERROR_LINE("ow_parse_addresses_from_header", "Unable to split address list");
+    refused("ow_parse_addresses_from_header", "Unable to split address list",
+            {!ow_parse_addresses_from_header(" \t ")});
 }
 
 TEST_F(RfcTest, IpClassification) {
-    const struct {
-        const char* text;
-        int family;
-        bool unroutable;
-    } cases[] = {
-        {"0.1.2.3", 2, true},      {"10.0.0.1", 2, true},
-        {"127.0.0.1", 2, true},    {"169.254.1.1", 2, true},
-        {"169.255.1.1", 2, false}, {"172.15.0.1", 2, false},
-        {"172.16.0.1", 2, true},   {"172.31.255.255", 2, true},
-        {"172.32.0.1", 2, false},  {"192.168.0.1", 2, true},
-        {"192.169.0.1", 2, false}, {"224.0.0.1", 2, false},
-        {"100.64.0.1", 2, false},  {"192.0.2.1", 2, false},
-        {"240.0.0.1", 2, true},    {"255.255.255.255", 2, true},
-        {"fd00::1", 10, true},     {"fc00::", 10, true},
-        {"fe00::1", 10, false},    {"fe80::1", 10, true},
-        {"febf::1", 10, true},     {"fec0::1", 10, false},
-        {"::", 10, true},          {"::1", 10, true},
-        {"::2", 10, false},        {"::ffff:1.2.3.4", 10, true},
-        {"::1.2.3.4", 10, false},  {"2002:c000:201::", 10, false},
-        {"ff02::1", 10, false},    {"2001:db8::1", 10, false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(ow_is_ip(c.text), c.family);
-        EXPECT_EQ(ow_is_ipv6(c.text), c.family == 10);
-        EXPECT_EQ(ow_is_unroutable_ip(c.text), c.unroutable);
-        // The line a public address gets, and only a public one.
-        EXPECT_EQ(
-            ow_test::has_debug("ow_is_unroutable_ip", std::string("Address [") + c.text +
-                                                          "] is not a private or reserved address"),
-            !c.unroutable);
+    // Routable, then unroutable; every text with a colon is IPv6.
+    const std::vector<const char*> texts[] = {
+        {"169.255.1.1", "172.15.0.1", "172.32.0.1", "192.169.0.1", "224.0.0.1", "100.64.0.1",
+         "192.0.2.1", "fe00::1", "fec0::1", "::2", "::1.2.3.4", "2002:c000:201::", "ff02::1",
+         "2001:db8::1"},
+        {"0.1.2.3", "10.0.0.1", "127.0.0.1", "169.254.1.1", "172.16.0.1", "172.31.255.255",
+         "192.168.0.1", "240.0.0.1", "255.255.255.255", "fd00::1", "fc00::", "fe80::1", "febf::1",
+         "::", "::1", "::ffff:1.2.3.4"}};
+    for (const bool unroutable : {false, true}) {
+        for (const char* text : texts[unroutable]) {
+            SCOPED_TRACE(text);
+            const bool v6 = std::strchr(text, ':') != nullptr;
+            EXPECT_EQ(ow_is_ip(text), v6 ? 10 : 2);
+            EXPECT_EQ(ow_is_ipv6(text), v6);
+            EXPECT_EQ(ow_is_unroutable_ip(text), unroutable);
+            // The line a public address gets, and only a public one.
+            EXPECT_EQ(ow_test::has_debug("ow_is_unroutable_ip",
+                                         std::string("Address [") + text +
+                                             "] is not a private or reserved address"),
+                      !unroutable);
+        }
     }
     for (const char* no : {"1.2.3", "01.2.3.4", "1.2.3.4 ", "0x1.2.3.4", "::1%lo", "example.com"}) {
-        SCOPED_TRACE(no);
-        EXPECT_EQ(ow_is_ip(no), 0);
-        EXPECT_FALSE(ow_is_unroutable_ip(no));
+        EXPECT_EQ(ow_is_ip(no), 0) << no;
         refused("ow_is_unroutable_ip",
-                std::string("Address [") + no + "] is not a valid ipv4 or ipv6 address", {true});
+                std::string("Address [") + no + "] is not a valid ipv4 or ipv6 address",
+                {!ow_is_unroutable_ip(no)});
     }
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(RfcTest, RefusedArguments) {
+TEST_F(RfcTest, RefusalsAndAllocationFailures) {
     const std::string inval = std::strerror(EINVAL);
     refused("ow_extract_address_from_mailbox", inval, {!extract("")});
     refused("ow_parse_addresses_from_header", inval, {!ow_parse_addresses_from_header("")});
@@ -218,45 +167,34 @@ TEST_F(RfcTest, RefusedArguments) {
     refused("ow_is_unroutable_ip", inval, {!ow_is_unroutable_ip("")});
     EXPECT_EQ(extract(" (gone) "), std::nullopt);
     refused("ow_extract_address_from_mailbox", "zero length address", {true});
-}
 
-TEST_F(RfcTest, AllocationFailures) {
     const std::string enomem = std::strerror(ENOMEM);
-    // The field check accepts when it cannot run, whether the copy of the field or the copy
-    // of the bracketed address fails.
-    ow::testing::fail_allocation(1);
-    EXPECT_EQ(ow_rfc822_email_address("bad address", nullptr), 1);
-    refused("ow_rfc822_email_address", enomem, {true});
-    ow::testing::fail_allocation(2);
-    bool bracketed = false;
-    EXPECT_EQ(ow_rfc822_email_address("<bad address>", &bracketed), 1);
-    EXPECT_TRUE(bracketed);
-    refused("__ow_parse_rfc_address", enomem, {true});
-
-    ow::testing::fail_allocation(1);
-    EXPECT_EQ(extract("a@b.c"), std::nullopt);
-    refused("ow_extract_address_from_mailbox", enomem, {true});
-    ow::testing::fail_allocation(2);
-    EXPECT_EQ(extract("<a@b.c>"), std::nullopt);
-    refused("ow_extract_address_from_mailbox", enomem, {true});
+    // The field check accepts when either copy fails (it cannot run); the extraction fails.
+    for (long n : {1L, 2L}) {
+        SCOPED_TRACE(n);
+        bool bracketed = false;
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(ow_rfc822_email_address("<bad address>", &bracketed), 1);
+        EXPECT_EQ(bracketed, n == 2);
+        refused(n == 1 ? "ow_rfc822_email_address" : "__ow_parse_rfc_address", enomem, {true});
+        ow::testing::fail_allocation(n);
+        EXPECT_EQ(extract("<a@b.c>"), std::nullopt);
+        refused("ow_extract_address_from_mailbox", enomem, {true});
+    }
 
     // Every allocation of a split and a parse fails in turn: nothing leaks, each reports.
     for (const char* header : {"a@b.c, \"x\" <d@e.f>", "x@y.z,  p@q.r  "}) {
         for (auto* fn : {&ow_split_addresses, &ow_parse_addresses_from_header}) {
             const long before = ow::testing::allocation_count();
-            ow_list* ok = fn(header);
+            ASSERT_FALSE(take(fn(header)).empty());
             const long needed = ow::testing::allocation_count() - before;
-            ASSERT_NE(ok, nullptr);
-            ow_destroy_list(&ok, std::free);
             for (long n = 1; n <= needed; ++n) {
                 SCOPED_TRACE(std::string(header) + " allocation " + std::to_string(n));
                 clear_log();
                 ow::testing::fail_allocation(n);
-                ow_list* result = fn(header);
-                ow::testing::fail_allocation(0);
+                take(fn(header));
                 // A failed allocation the result could do without (a trim) still reports.
                 EXPECT_GE(ow_test::error_count(), 1u) << ow_test::dump();
-                ow_destroy_list(&result, std::free);
             }
         }
     }

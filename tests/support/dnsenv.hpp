@@ -1,23 +1,27 @@
-// dnsenv.hpp: what a test program run by tests/support/dnsenv.sh needs to drive its name
-// servers: add scripted names, read how many queries the servers saw, and write the private
-// /etc/hosts. A test program whose name ends in _dnsenv_test runs inside dnsenv.sh; its
-// fixture skips unless inside() holds, so a stray run can never write the real /etc/hosts.
-//
-//     ow_test::dnsenv::script(R"({"helo.scripted.test": {"A": {"rcode": 2}}})");
-//     ow_test::dnsenv::reset_queries();
-//     ...two lookups of helo.scripted.test...
-//     EXPECT_EQ(ow_test::dnsenv::query_count("helo.scripted.test", "A"), 1u);
+// dnsenv.hpp: what a program run by tests/support/dnsenv.sh (any *_dnsenv_test) needs to drive
+// its name servers, and the name arrays every DNS test reads. Its fixture skips unless
+// inside() holds, so a stray run can never write the real /etc/hosts.
 #ifndef ARDVEX_TESTS_DNSENV_HPP
 #define ARDVEX_TESTS_DNSENV_HPP
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
-#include <string>
+
+#include "scratch.hpp"
 
 namespace ow_test::dnsenv {
+
+using strings = std::vector<std::string>;
+
+// Takes over a name array of the DNS module: its names, and frees it.
+inline strings take_names(char** names) {
+    strings out;
+    for (std::size_t i = 0; names != nullptr && names[i] != nullptr; ++i) {
+        out.emplace_back(names[i]);
+        std::free(names[i]);
+    }
+    std::free(names);
+    return out;
+}
 
 inline std::string env(const char* name) {
     const char* value = std::getenv(name);
@@ -36,38 +40,20 @@ inline bool inside() {
 
 // Replaces the names the test scripted (a JSON object, the format of dns_server.py); the
 // names of tests/support/dns_script.json stay unless overridden. "{}" removes them all.
-inline void script(const std::string& json) {
-    std::ofstream(env("DNSENV_SCRIPT"), std::ios::trunc) << json;
-}
+inline void script(const std::string& json) { spit(env("DNSENV_SCRIPT"), json); }
 
-// Queries the servers saw since the last reset for name (lower-case, no final dot) and, when
-// given, type ("A", "MX", "PTR", ...); over UDP and TCP alike.
+// The queries the servers saw since the last reset, over UDP and TCP alike, a line
+// "name<TAB>TYPE<TAB>udp|tcp" each.
+inline std::string queries() { return slurp(env("DNSENV_QUERY_LOG")); }
+inline void reset_queries() { spit(env("DNSENV_QUERY_LOG"), ""); }
+
+// Queries for name (lower-case, no final dot) and, when given, type ("A", "MX", "PTR", ...).
 inline std::size_t query_count(const std::string& name, const std::string& type = "") {
-    std::ifstream log(env("DNSENV_QUERY_LOG"));
+    const std::string key = name + "\t" + (type.empty() ? "" : type + "\t");
+    std::istringstream log(queries());
     std::size_t n = 0;
-    for (std::string line; std::getline(log, line);) {
-        std::istringstream fields(line);
-        std::string qname, qtype;
-        std::getline(fields, qname, '\t');
-        std::getline(fields, qtype, '\t');
-        n += qname == name && (type.empty() || qtype == type);
-    }
+    for (std::string line; std::getline(log, line);) n += line.rfind(key, 0) == 0;
     return n;
-}
-
-// The query log line by line ("name<TAB>TYPE<TAB>udp|tcp"), for failure messages.
-inline std::string queries() {
-    std::ifstream log(env("DNSENV_QUERY_LOG"));
-    std::ostringstream out;
-    out << log.rdbuf();
-    return out.str();
-}
-
-inline void reset_queries() { std::ofstream(env("DNSENV_QUERY_LOG"), std::ios::trunc); }
-
-// Replaces the private /etc/hosts.
-inline void write_hosts(const std::string& text) {
-    std::ofstream("/etc/hosts", std::ios::trunc | std::ios::binary) << text;
 }
 
 }  // namespace ow_test::dnsenv
