@@ -1,15 +1,11 @@
-// Tests of the IPv4 conversions and the loopback test: byte order, inet_aton's shorthand,
-// round trips, and what counts as local.
+// The IPv4 conversions and the loopback test: byte order, inet_aton's shorthand, round trips,
+// and what counts as local.
 #include "ardvex-ip-funcs.h"
 
+#include "scratch.hpp"
+
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
 
 namespace {
@@ -23,7 +19,7 @@ std::string text_of(uint32_t number) {
     return out;
 }
 
-class IpFuncsTest : public ow_test::LogCaptureTest {};
+using IpFuncsTest = ow_test::LogCaptureTest;
 
 // The number is compared with the platform's own, so the byte order is not restated here.
 TEST_F(IpFuncsTest, TextToNumberAndBack) {

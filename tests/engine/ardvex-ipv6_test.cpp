@@ -1,20 +1,15 @@
-// Tests of IPv6 recognition and normalisation, with their failure lines.
+// IPv6 recognition and normalisation, with their failure lines.
 #include "ardvex-ipv6.h"
 
-#include <gtest/gtest.h>
+#include "scratch.hpp"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
 
 namespace {
 
 using ow_test::refused;
 
-class Ipv6Test : public ow_test::LogCaptureTest {};
+using Ipv6Test = ow_test::LogCaptureTest;
 
 TEST_F(Ipv6Test, CanonicalFormsAndRefusals) {
     const std::pair<const char*, const char*> cases[] = {

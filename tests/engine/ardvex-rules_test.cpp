@@ -3,13 +3,8 @@
 // refusal of a missing session by every rule and hook.
 #include "ardvex-rules.h"
 
-#include <gtest/gtest.h>
+#include "scratch.hpp"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "log_capture.hpp"
 #include "owspamrule.h"
 
 namespace {
@@ -18,22 +13,18 @@ using ow_test::has_debug;
 
 char* dup_or_null(const char* s) { return s != nullptr ? strdup(s) : nullptr; }
 
+// The rules trim the client's words in place, so the session holds its own copies.
 class IdentityRuleTest : public ow_test::LogCaptureTest {
    protected:
     void TearDown() override {
-        std::free(s_.helo);
-        std::free(s_.mail_from);
-        std::free(s_.rcpt_to);
+        set(nullptr, nullptr);
         LogCaptureTest::TearDown();
     }
     void set(const char* helo, const char* from, const char* rcpt = nullptr,
              const char* ip = "192.0.2.9") {
-        std::free(s_.helo);
-        std::free(s_.mail_from);
-        std::free(s_.rcpt_to);
+        for (char* owned : {s_.helo, s_.mail_from, s_.rcpt_to}) std::free(owned);
         s_ = spam_session{};
-        s_.helo = dup_or_null(helo);
-        s_.mail_from = dup_or_null(from);
+        s_.helo = dup_or_null(helo), s_.mail_from = dup_or_null(from),
         s_.rcpt_to = dup_or_null(rcpt);
         s_.ip = const_cast<char*>(ip);
     }
@@ -133,28 +124,26 @@ TEST_F(IdentityRuleTest, Ipv6ClientsMustAuthenticateUnlessExempt) {
 }
 
 TEST_F(IdentityRuleTest, EveryCheckRefusesAMissingSession) {
-    bool (*const checks[])(spam_session*) = {
-        rule_require_helo,
-        rule_valid_helo_domain,
-        rule_resolve_helo_domain,
-        rule_mail_from_strict_addr_parse,
-        rule_rfc_mail_from,
-        rule_valid_from_domain,
-        rule_require_full_addr,
-        rule_block_mail_from_self,
-        rule_block_all_mail,
-        rule_local_require_auth,
-        rule_block_nonauth_ipv6,
-        rule_check_ip_reverse_dns,
-        rule_valid_ptr,
-        rule_check_dynamic_reverse_dns_default,
-        rule_check_dynamic_reverse_dns,
-        rule_check_confirmed_dyna,
-        rule_check_reverse_dns_list,
-        dyna_list_hook,
-        confirmed_list_hook,
-        spam_list_hook,
-    };
+    bool (*const checks[])(spam_session*) = {rule_require_helo,
+                                             rule_valid_helo_domain,
+                                             rule_resolve_helo_domain,
+                                             rule_mail_from_strict_addr_parse,
+                                             rule_rfc_mail_from,
+                                             rule_valid_from_domain,
+                                             rule_require_full_addr,
+                                             rule_block_mail_from_self,
+                                             rule_block_all_mail,
+                                             rule_local_require_auth,
+                                             rule_block_nonauth_ipv6,
+                                             rule_check_ip_reverse_dns,
+                                             rule_valid_ptr,
+                                             rule_check_dynamic_reverse_dns_default,
+                                             rule_check_dynamic_reverse_dns,
+                                             rule_check_confirmed_dyna,
+                                             rule_check_reverse_dns_list,
+                                             dyna_list_hook,
+                                             confirmed_list_hook,
+                                             spam_list_hook};
     for (auto check : checks) EXPECT_FALSE(check(nullptr));
     EXPECT_EQ(ow_test::error_count(), std::size(checks)) << ow_test::dump();
     clear_log();
