@@ -91,26 +91,15 @@ class CounterTest : public ow_test::ScratchTest {
 // ---------------------------------------------------------------------------------------
 // Counter files
 
-TEST_F(CounterTest, EachTypeCountsItsFieldInExactFileImages) {
-    struct {
-        uint8_t type;
-        bool authenticated;
-        record fields;
-    } cases[] = {{0, false, {0, 1, 0, 0, 0, 0, 1, 0}},
-                 {5, true, {0, 1, 0, 0, 0, 0, 0, 1}},
-                 {7, true, {0, 0, 0, 0, 0, 0, 0, 1}}};
-    const std::time_t midnight = at(2026, 3, 5, 0), hour = at(2026, 3, 5, 14);
-    for (auto c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.type));
-        fs::remove(daily(dir_, 3));
-        fs::remove(hourly(dir_));
-        count(hour + 1210, c.type, c.authenticated);
-        c.fields.period_start = u32(midnight);
-        EXPECT_EQ(slurp(daily(dir_, 3)), make_image(997, 2, 0, {{4, c.fields}}));
-        c.fields.period_start = u32(hour);
-        EXPECT_EQ(slurp(hourly(dir_)), make_image(773, 2, u32(hour), {{14, c.fields}}));
-    }
-    // The unknown type alone wrote lines.
+// An unknown type counts only the kind of session, in the exact file images a first message
+// writes (the known types' fields are those of the message log's tests).
+TEST_F(CounterTest, UnknownTypeCountsOnlyTheSessionKind) {
+    const std::time_t hour = at(2026, 3, 5, 14);
+    count(hour + 1210, 7, true);
+    EXPECT_EQ(slurp(daily(dir_, 3)),
+              make_image(997, 2, 0, {{4, {u32(at(2026, 3, 5, 0)), 0, 0, 0, 0, 0, 0, 1}}}));
+    EXPECT_EQ(slurp(hourly(dir_)),
+              make_image(773, 2, u32(hour), {{14, {u32(hour), 0, 0, 0, 0, 0, 0, 1}}}));
     EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
     EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
     EXPECT_EQ(ow_test::error_count(), 2u) << ow_test::dump();
@@ -282,14 +271,12 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
     };
 
     refused("al_get_counter_file", einval, {!al_get_counter_file("d", "", 1)});
+    refused("al_get_counter_file_hourly", einval, {!al_get_counter_file_hourly("d", "")});
     refused("al_clear_counter_hour", einval,
             {!al_clear_counter_hour(rw, 24, 1), !al_clear_counter_hour(rw, 0, -1)});
     ow::testing::fail_allocation(1);
     refused("al_read_counter_hour", std::strerror(ENOMEM), {none(al_read_counter_hour(rw, 0))});
 
-    const char *rewind = "Failed to rewind in hourly stats file", *clear = "al_clear_counter_hour",
-               *write_hour = "al_write_counter_hour", *init = "al_initialise_stat_file",
-               *init_hourly = "al_initialise_stat_file_hourly", *last = "al_read_last_update";
     struct {
         const char* func;
         const char* message;
@@ -297,23 +284,25 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
     } steps[] = {
         {"al_seek_to_counter_day", "Failed to seek to counter record for day: 3",
          none(al_read_counter_day(p, 3))},
-        {"al_seek_to_counter_hour", rewind, none(al_read_counter_hour(p, 5))},
-        {last, rewind, al_read_last_update(p) == 0},
-        {write_hour, rewind, !al_write_counter_hour(p, 1, 5, &r)},
-        {init, "Failed to seek in stat file prior to write", !al_initialise_stat_file(p)},
-        {init_hourly, "Failed to seek in hourly stat file prior to write",
+        {"al_seek_to_counter_hour", "Failed to rewind in hourly stats file",
+         none(al_read_counter_hour(p, 5))},
+        {"al_initialise_stat_file", "Failed to seek in stat file prior to write",
+         !al_initialise_stat_file(p)},
+        {"al_initialise_stat_file_hourly", "Failed to seek in hourly stat file prior to write",
          !al_initialise_stat_file_hourly(p)},
-        {clear, "Failed to empty hourly stat record for all hours",
+        {"al_clear_counter_hour", "Failed to empty hourly stat record for all hours",
          !al_clear_counter_hour(p, 23, 24)},
-        {clear, "Failed to empty hourly stat for hour: 1", !al_clear_counter_hour(ro, 1, 3)},
+        {"al_clear_counter_hour", "Failed to empty hourly stat for hour: 1",
+         !al_clear_counter_hour(ro, 1, 3)},
         {"al_write_counter_day", "Failed to write counter record for day: 2",
          !al_write_counter_day(ro, 2, &r)},
-        {write_hour, "Failed to write counter record for hour: 7",
+        {"al_write_counter_hour", "Failed to write counter record for hour: 7",
          !al_write_counter_hour(ro, 1, 7, &r)},
-        {init, "Failed to write to stat file", !al_initialise_stat_file(ro)},
-        {init_hourly, "Failed to write to hourly stat file", !al_initialise_stat_file_hourly(ro)},
+        {"al_initialise_stat_file", "Failed to write to stat file", !al_initialise_stat_file(ro)},
+        {"al_initialise_stat_file_hourly", "Failed to write to hourly stat file",
+         !al_initialise_stat_file_hourly(ro)},
         {"al_read_counter_day", "Failed to read record", none(al_read_counter_day(wo, 0))},
-        {last, "Failed to read last update header from hourly stats file",
+        {"al_read_last_update", "Failed to read last update header from hourly stats file",
          al_read_last_update(wo) == 0},
     };
     for (const auto& s : steps) {
@@ -425,30 +414,25 @@ TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
 }
 
 TEST_F(MessageLogTest, MissingFieldsFallBackAsLaidOut) {
-    struct {
+    const struct {
         spam_session s;
-        const char* program;
-        const char* expected;  // part of the line
+        std::string expected;  // part of the line
     } cases[] = {
         {{.ip = s_.ip, .port = s_.port, .ptr_state = SPAM_PTR_TEMPFAIL},
-         "smtpd",
          "mua=[no:(null)],ip=[192.0.2.7:(timeout):(null)],port=<2525>"},
-        {{.auth_user = keep("alice")}, "smtpd", "mua=[no:(null)]"},
-        {{.auth_user = keep("alice"), .authenticated = true}, "smtpd", "mua=[yes:alice]"},
+        {{.auth_user = keep("alice")}, "mua=[no:(null)]"},
+        {{.auth_user = keep("alice"), .authenticated = true}, "mua=[yes:alice]"},
         {{},
-         nullptr,
-         "SPAM[r]: mua=[no:(null)],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
-         "helo=<(null)>,from=<(null)>,rcpt=<(null)>"},
+         head("(null)") +
+             "SPAM[r]: mua=[no:(null)],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
+             "helo=<(null)>,from=<(null)>,rcpt=<(null)>\r\n"},
     };
-    for (auto& c : cases) {
+    log_program_name = nullptr;
+    for (auto c : cases) {
         SCOPED_TRACE(c.expected);
         fs::remove(kAxlog);
-        log_program_name = c.program;
         log_message(&c.s, "r", 1);
-        const auto lines = lines_of(kAxlog);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].rfind(head(c.program ? c.program : "(null)") + "SPAM[r]: ", 0), 0u);
-        EXPECT_NE(lines[0].find(c.expected), std::string::npos) << lines[0];
+        EXPECT_NE(slurp(kAxlog).find(c.expected), std::string::npos) << slurp(kAxlog);
     }
 }
 
