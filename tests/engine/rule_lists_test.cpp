@@ -37,15 +37,13 @@ class RuleListsTest : public ow_test::ScratchTest {
 };
 
 TEST_F(RuleListsTest, StartedEngineLooksFieldsUpInListAndRangeFiles) {
-    for (const auto& [name, text] : std::initializer_list<std::pair<const char*, const char*>>{
-             {"from_whitelist", "# partners\n*@partner.example\n  boss@corp.example\n"},
-             {"from_blacklist", "spam@bad.example\n"},
-             {"exempt_users", "postmaster@*\n"},
-             {"exempt_ips", "192.0.2.10\n2001:db8::1\n"},
-             {"blocked_ips", "203.0.113.1\n"},
-             {"country_blacklist", "CN\n**\n"}}) {
-        ow_test::spit(path(name), text);
-    }
+    using ow_test::spit;
+    spit(path("from_whitelist"), "# partners\n*@partner.example\n  boss@corp.example\n");
+    spit(path("from_blacklist"), "spam@bad.example\n");
+    spit(path("exempt_users"), "postmaster@*\n");
+    spit(path("exempt_ips"), "192.0.2.10\n2001:db8::1\n");
+    spit(path("blocked_ips"), "203.0.113.1\n");
+    spit(path("country_blacklist"), "CN\n**\n");
     const char* message = nullptr;
     ASSERT_TRUE(ipr_add_range_to_file(dir_.c_str(), "blocked_ips.range", "10.1.0.0", "10.1.255.255",
                                       nullptr, &message));
