@@ -202,13 +202,6 @@ TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
 }
 
 TEST_F(CounterTest, UnusablePlacesAreReportedAndLeftAsTheyWere) {
-    // Directories where the files should be: the open fails (its own line) and that is all.
-    fs::create_directory(daily(dir_, 8));
-    fs::create_directory(hourly(dir_));
-    count(at(2026, 8, 14, 16));
-    refused("ow_open_ex", std::strerror(EISDIR), {true, true});
-    EXPECT_TRUE(fs::is_directory(daily(dir_, 8)) && fs::is_directory(hourly(dir_)));
-
     // No usable log directory: the daily count gives up silently, the hourly one says why.
     const std::string file = path("plain"), gone = path("gone");
     spit(file, "x");
@@ -225,7 +218,6 @@ TEST_F(CounterTest, UnusablePlacesAreReportedAndLeftAsTheyWere) {
     EXPECT_FALSE(fs::exists(gone));
 
     // A directory and a damaged file this user may not write: both stay as they are.
-    fs::remove(hourly(dir_));
     spit(hourly(dir_), "damaged", 0400);
     fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
                               fs::perms::others_exec);
@@ -529,10 +521,6 @@ TEST_F(MessageLogTest, AuthenticationOutcomesAndRefusals) {
 
 TEST_F(MessageLogTest, UnusableSharedLogEndsTheCallQuietly) {
     add_user_dir(dir_);
-    fs::create_directory(kAxlog);  // a directory where the log should be
-    log_message(&s_, "r", 1);
-    refused("ow_open_ex", std::strerror(EISDIR), {true});
-    fs::remove(kAxlog);
     fs::remove(kLogDir);  // no log directory at all
     log_message(&s_, "r", 1);
     log_auth_message(&s_, ARDVEX_AUTH_BLOCK, "r");
