@@ -1,29 +1,23 @@
-// Tests of the IPv4 conversions and the loopback test: byte order, inet_aton's shorthand,
-// round trips, and what counts as local.
+// The address helpers: IPv4 conversions (byte order, inet_aton's shorthand, round trips), what
+// counts as local, and IPv6 recognition and normalisation, with their failure lines.
 #include "ardvex-ip-funcs.h"
 
+#include "scratch.hpp"
+
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "log_capture.hpp"
+#include "ardvex-ipv6.h"
 #include "ow_internal.hpp"
 
 namespace {
 
 using ow_test::refused;
+using IpFuncsTest = ow_test::LogCaptureTest;
 
 std::string text_of(uint32_t number) {
-    char* s = ip_number_to_string(static_cast<int32_t>(number));
-    std::string out = s != nullptr ? s : "(null)";
-    std::free(s);
-    return out;
+    ow::unique_cstr s(ip_number_to_string(static_cast<int32_t>(number)));
+    return s ? s.get() : "(null)";
 }
-
-class IpFuncsTest : public ow_test::LogCaptureTest {};
 
 // The number is compared with the platform's own, so the byte order is not restated here.
 TEST_F(IpFuncsTest, TextToNumberAndBack) {
@@ -53,14 +47,38 @@ TEST_F(IpFuncsTest, LocalhostIsExactly127001OrIpv6Loopback) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(IpFuncsTest, RefusalsAndAllocationFailure) {
-    const std::string inval = std::strerror(EINVAL);
+TEST_F(IpFuncsTest, Ipv6CanonicalForms) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"2001:0DB8:0000:0000:0000:0000:0000:0001", "2001:db8::1"},
+        {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},  // the first of equal zero runs
+        {"::FFFF:1.2.3.4", "::ffff:1.2.3.4"},
+        {"fe80::1%eth0", nullptr},
+        {"1.2.3.4", nullptr},
+        {"2001:db8::1::2", nullptr},
+    };
+    for (const auto& [text, canonical] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(is_ipv6(text), canonical != nullptr ? 1 : 0);
+        ow::unique_cstr out(compress_ipv6(text));
+        EXPECT_STREQ(out.get(), canonical);
+        if (canonical == nullptr) refused("compress_ipv6", std::strerror(EINVAL), {true});
+        EXPECT_NO_ERRORS();
+    }
+}
+
+TEST_F(IpFuncsTest, RefusalsAndAllocationFailures) {
+    const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
     refused("ip_string_to_number", inval,
             {ip_string_to_number(nullptr) == 0, ip_string_to_number("") == 0});
     refused("is_localhost", inval, {is_localhost(nullptr) == 0, is_localhost("") == 0});
+    refused("is_ipv6", inval, {is_ipv6(nullptr) == 0, is_ipv6("") == 0});
+    refused("compress_ipv6", inval, {compress_ipv6(nullptr) == nullptr});
     ow::testing::fail_allocation(1);
     EXPECT_EQ(ip_number_to_string(1), nullptr);
-    refused("ip_number_to_string", std::strerror(ENOMEM), {true});
+    refused("ip_number_to_string", enomem, {true});
+    ow::testing::fail_allocation(1);
+    EXPECT_EQ(compress_ipv6("::1"), nullptr);
+    refused("compress_ipv6", enomem, {true});
 }
 
 }  // namespace

@@ -2,25 +2,18 @@
 // a tmpfs over the suite's log directory in a private mount namespace (root only).
 #include "ardvex-log.h"
 
-#include <fcntl.h>
+#include "scratch.hpp"
+
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <ctime>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "../../engine/ardvex-log-internal.hpp"
 #include "ardvex_config.h"
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
 #include "ow_list.h"
 
@@ -31,6 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using ow_test::refused;
+using ow_test::slurp;
+using ow_test::spit;
 using record = ardvex_counter_record;
 
 // Local time in Europe/Berlin; isdst picks a pass of the hour repeated in October.
@@ -43,21 +38,14 @@ std::time_t at(int y, int mo, int d, int h, int mi = 0, int isdst = -1) {
 uint32_t u32(std::time_t t) { return static_cast<uint32_t>(t); }
 bool same(const record& a, const record& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-std::string bytes_of(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-void put(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 std::string daily(const std::string& dir, int month) {
     return dir + (month < 10 ? "/.counterv2.dat.0" : "/.counterv2.dat.") + std::to_string(month);
 }
 std::string hourly(const std::string& dir) { return dir + "/.counterv2.dat.hourly"; }
 
 // Record n of a counter file as it lies on disk (zero when the file is too short).
-record record_at(const std::string& path, int n) {
-    const std::string bytes = bytes_of(path);
+record record_at(const std::string& file, int n) {
+    const std::string bytes = slurp(file);
     record r{};
     if (bytes.size() >= 5 + 32u * (n + 1)) std::memcpy(&r, bytes.data() + 5 + 32 * n, 32);
     return r;
@@ -79,24 +67,18 @@ std::string full_hours(uint32_t last, const record& old) {
     return make_image(773, 2, last, all);
 }
 
-class CounterTest : public ow_test::LogCaptureTest {
+class CounterTest : public ow_test::ScratchTest {
    protected:
     void SetUp() override {
-        LogCaptureTest::SetUp();
+        ScratchTest::SetUp();
         ::setenv("TZ", "Europe/Berlin", 1);
         ::tzset();
-        char tmpl[] = "/tmp/ardvex_log_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
     }
     void TearDown() override {
         ow::testing::set_clock(0);
-        std::error_code ec;
-        fs::permissions(dir_, fs::perms::owner_all, ec);
-        fs::remove_all(dir_, ec);
         ::unsetenv("TZ");
         ::tzset();
-        LogCaptureTest::TearDown();
+        ScratchTest::TearDown();
     }
     // One message at time t, counted in both files as the message log does.
     void count(std::time_t t, uint8_t type = 0, bool authenticated = false) const {
@@ -104,37 +86,23 @@ class CounterTest : public ow_test::LogCaptureTest {
         ardvex_increment_counter(dir_.c_str(), type, authenticated);
         ardvex_increment_counter_hourly(dir_.c_str(), type, authenticated);
     }
-    std::string dir_;
 };
 
 // ---------------------------------------------------------------------------------------
 // Counter files
 
-TEST_F(CounterTest, EachTypeCountsItsFieldInExactFileImages) {
-    struct {
-        uint8_t type;
-        bool authenticated;
-        record fields;
-    } cases[] = {{0, false, {0, 1, 0, 0, 0, 0, 1, 0}},
-                 {5, true, {0, 1, 0, 0, 0, 0, 0, 1}},
-                 {7, true, {0, 0, 0, 0, 0, 0, 0, 1}}};
-    const std::time_t midnight = at(2026, 3, 5, 0), hour = at(2026, 3, 5, 14);
-    for (auto c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.type));
-        clear_log();
-        fs::remove(daily(dir_, 3));
-        fs::remove(hourly(dir_));
-        count(hour + 1210, c.type, c.authenticated);
-        c.fields.period_start = u32(midnight);
-        EXPECT_EQ(bytes_of(daily(dir_, 3)), make_image(997, 2, 0, {{4, c.fields}}));
-        c.fields.period_start = u32(hour);
-        EXPECT_EQ(bytes_of(hourly(dir_)), make_image(773, 2, u32(hour), {{14, c.fields}}));
-        if (c.type == 7) {
-            EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
-            EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
-        }
-        EXPECT_EQ(ow_test::error_count(), c.type == 7 ? 2u : 0u) << ow_test::dump();
-    }
+// An unknown type counts only the kind of session, in the exact file images a first message
+// writes (the known types' fields are those of the message log's tests).
+TEST_F(CounterTest, UnknownTypeCountsOnlyTheSessionKind) {
+    const std::time_t hour = at(2026, 3, 5, 14);
+    count(hour + 1210, 7, true);
+    EXPECT_EQ(slurp(daily(dir_, 3)),
+              make_image(997, 2, 0, {{4, {u32(at(2026, 3, 5, 0)), 0, 0, 0, 0, 0, 0, 1}}}));
+    EXPECT_EQ(slurp(hourly(dir_)),
+              make_image(773, 2, u32(hour), {{14, {u32(hour), 0, 0, 0, 0, 0, 0, 1}}}));
+    EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
+    EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
+    EXPECT_EQ(ow_test::error_count(), 2u) << ow_test::dump();
 }
 
 TEST_F(CounterTest, DaysMonthsAndYearsRollOver) {
@@ -146,9 +114,9 @@ TEST_F(CounterTest, DaysMonthsAndYearsRollOver) {
     EXPECT_TRUE(same(record_at(daily(dir_, 3), 5), {u32(at(2026, 3, 6, 0)), 1, 0, 0, 0, 0, 1, 0}));
 
     // The same day of the next month lives in the next month's file.
-    const std::string march = bytes_of(daily(dir_, 3));
+    const std::string march = slurp(daily(dir_, 3));
     count(at(2026, 4, 5, 8));
-    EXPECT_EQ(bytes_of(daily(dir_, 3)), march);
+    EXPECT_EQ(slurp(daily(dir_, 3)), march);
     EXPECT_TRUE(same(record_at(daily(dir_, 4), 4), {u32(at(2026, 4, 5, 0)), 1, 0, 0, 0, 0, 1, 0}));
 
     // A clock set back counts into the earlier day; the hourly file refuses to go back.
@@ -159,14 +127,14 @@ TEST_F(CounterTest, DaysMonthsAndYearsRollOver) {
 
     // March a year later: last year's records are stale and the file starts afresh.
     count(at(2027, 3, 5, 9));
-    EXPECT_EQ(bytes_of(daily(dir_, 3)),
+    EXPECT_EQ(slurp(daily(dir_, 3)),
               make_image(997, 2, 0, {{4, {u32(at(2027, 3, 5, 0)), 1, 0, 0, 0, 0, 1, 0}}}));
 
     // Stale means more than 31 days before today's midnight.
     for (const int64_t age : {2678400, 2678401}) {
         SCOPED_TRACE(age);
         const record old{u32(at(2026, 7, 31, 0) - age), 7, 0, 0, 0, 0, 7, 0};
-        put(daily(dir_, 7), make_image(997, 2, 0, {{0, old}}));
+        spit(daily(dir_, 7), make_image(997, 2, 0, {{0, old}}));
         count(at(2026, 7, 31, 12));
         EXPECT_EQ(record_at(daily(dir_, 7), 0).ham, age > 2678400 ? 0u : 7u);
     }
@@ -186,7 +154,7 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(daily(dir_, 10), 24).period_start, u32(at(2026, 10, 25, 0)));
 
     const record old{u32(at(2026, 3, 28, 2)), 9, 0, 0, 0, 0, 9, 0};
-    put(hourly(dir_), full_hours(u32(at(2026, 3, 29, 1)), old));
+    spit(hourly(dir_), full_hours(u32(at(2026, 3, 29, 1)), old));
     count(at(2026, 3, 29, 3, 30));  // one hour after 01:00 CET
     EXPECT_TRUE(same(record_at(hourly(dir_), 2), {})) << "02:00 did not happen today";
     EXPECT_EQ(record_at(hourly(dir_), 3).ham, 1u);
@@ -195,7 +163,7 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(daily(dir_, 3), 28).period_start, at(2026, 3, 29, 0));
 
     // From 03:00 to 03:00 over the short day: 23 hours, and every record a day old.
-    put(hourly(dir_), full_hours(u32(at(2026, 3, 28, 3)), old));
+    spit(hourly(dir_), full_hours(u32(at(2026, 3, 28, 3)), old));
     count(at(2026, 3, 29, 3, 20));
     for (int h = 0; h < 24; ++h) EXPECT_EQ(record_at(hourly(dir_), h).ham, h == 3 ? 1u : 0u) << h;
     EXPECT_NO_ERRORS();
@@ -218,33 +186,25 @@ TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
     const std::time_t now = at(2026, 6, 2, 11);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.bytes.size());
-        put(c.is_daily ? daily(dir_, 6) : hourly(dir_), c.bytes);
+        for (const auto& file : {daily(dir_, 6), hourly(dir_)}) fs::remove(file);
+        spit(c.is_daily ? daily(dir_, 6) : hourly(dir_), c.bytes);
         count(now, 2, true);
         if (c.line != nullptr) {
             refused(c.is_daily ? "__valid_counter_file" : "__valid_counter_file_hourly", c.line,
                     {true});
         }
         EXPECT_NO_ERRORS();
-        EXPECT_EQ(bytes_of(daily(dir_, 6)),
+        EXPECT_EQ(slurp(daily(dir_, 6)),
                   make_image(997, 2, 0, {{1, {u32(at(2026, 6, 2, 0)), 0, 0, 1, 0, 0, 0, 1}}}));
-        EXPECT_EQ(bytes_of(hourly(dir_)),
+        EXPECT_EQ(slurp(hourly(dir_)),
                   make_image(773, 2, u32(now), {{11, {u32(now), 0, 0, 1, 0, 0, 0, 1}}}));
-        fs::remove(daily(dir_, 6));
-        fs::remove(hourly(dir_));
     }
 }
 
 TEST_F(CounterTest, UnusablePlacesAreReportedAndLeftAsTheyWere) {
-    // Directories where the files should be: the open fails (its own line) and that is all.
-    fs::create_directory(daily(dir_, 8));
-    fs::create_directory(hourly(dir_));
-    count(at(2026, 8, 14, 16));
-    refused("ow_open_ex", std::strerror(EISDIR), {true, true});
-    EXPECT_TRUE(fs::is_directory(daily(dir_, 8)) && fs::is_directory(hourly(dir_)));
-
     // No usable log directory: the daily count gives up silently, the hourly one says why.
-    const std::string file = dir_ + "/plain", gone = dir_ + "/gone";
-    put(file, "x");
+    const std::string file = path("plain"), gone = path("gone");
+    spit(file, "x");
     for (const char* d : {static_cast<const char*>(nullptr), "", gone.c_str(), file.c_str()}) {
         ardvex_increment_counter(d, 0, false);
         EXPECT_NO_ERRORS();
@@ -258,18 +218,17 @@ TEST_F(CounterTest, UnusablePlacesAreReportedAndLeftAsTheyWere) {
     EXPECT_FALSE(fs::exists(gone));
 
     // A directory and a damaged file this user may not write: both stay as they are.
-    fs::remove(hourly(dir_));
-    put(hourly(dir_), "damaged");
-    fs::permissions(hourly(dir_), fs::perms::owner_read);
+    spit(hourly(dir_), "damaged", 0400);
     fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
                               fs::perms::others_exec);
     const bool root = geteuid() == 0;  // root writes anywhere: drop to another user
     ASSERT_TRUE(!root || seteuid(65534) == 0);
     count(at(2026, 9, 1, 7));
     ASSERT_TRUE(!root || seteuid(0) == 0);
+    fs::permissions(dir_, fs::perms::owner_all);
     refused("ow_open_ex", std::strerror(EACCES), {true, true});
     EXPECT_FALSE(fs::exists(daily(dir_, 9)));
-    EXPECT_EQ(bytes_of(hourly(dir_)), "damaged");
+    EXPECT_EQ(slurp(hourly(dir_)), "damaged");
 }
 
 TEST_F(CounterTest, ShortMemoryNeverLeavesAFileOfTheWrongSize) {
@@ -279,8 +238,8 @@ TEST_F(CounterTest, ShortMemoryNeverLeavesAFileOfTheWrongSize) {
     for (long n = 1; n <= calls; ++n) {
         SCOPED_TRACE(n);
         fs::remove(hourly(dir_));  // from no file and from a stale month alike
-        put(daily(dir_, 2),
-            make_image(997, 2, 0, {{0, {u32(at(2025, 2, 1, 0)), 3, 0, 0, 0, 0, 3, 0}}}));
+        spit(daily(dir_, 2),
+             make_image(997, 2, 0, {{0, {u32(at(2025, 2, 1, 0)), 3, 0, 0, 0, 0, 3, 0}}}));
         ow::testing::fail_allocation(n, true);
         count(at(2026, 2, 10, 10));
         ow::testing::fail_allocation(0);
@@ -290,10 +249,10 @@ TEST_F(CounterTest, ShortMemoryNeverLeavesAFileOfTheWrongSize) {
 }
 
 TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
-    const std::string path = dir_ + "/f", einval = std::strerror(EINVAL);
-    put(path, make_image(997, 2, 0, {}));
-    const int rw = open(path.c_str(), O_RDWR), ro = open(path.c_str(), O_RDONLY);
-    const int wo = open(path.c_str(), O_WRONLY);
+    const std::string file = path("f"), einval = std::strerror(EINVAL);
+    spit(file, make_image(997, 2, 0, {}));
+    const int rw = open(file.c_str(), O_RDWR), ro = open(file.c_str(), O_RDONLY);
+    const int wo = open(file.c_str(), O_WRONLY);
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
     const int p = pipe_fds[1];  // seeks fail (ESPIPE)
@@ -304,8 +263,10 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
     };
 
     refused("al_get_counter_file", einval, {!al_get_counter_file("d", "", 1)});
+    refused("al_get_counter_file_hourly", einval, {!al_get_counter_file_hourly("d", "")});
     refused("al_clear_counter_hour", einval,
             {!al_clear_counter_hour(rw, 24, 1), !al_clear_counter_hour(rw, 0, -1)});
+    EXPECT_TRUE(al_clear_counter_hour(rw, 0, 1) && al_clear_counter_hour(rw, 23, 1));
     ow::testing::fail_allocation(1);
     refused("al_read_counter_hour", std::strerror(ENOMEM), {none(al_read_counter_hour(rw, 0))});
 
@@ -318,10 +279,6 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
          none(al_read_counter_day(p, 3))},
         {"al_seek_to_counter_hour", "Failed to rewind in hourly stats file",
          none(al_read_counter_hour(p, 5))},
-        {"al_read_last_update", "Failed to rewind in hourly stats file",
-         al_read_last_update(p) == 0},
-        {"al_write_counter_hour", "Failed to rewind in hourly stats file",
-         !al_write_counter_hour(p, 1, 5, &r)},
         {"al_initialise_stat_file", "Failed to seek in stat file prior to write",
          !al_initialise_stat_file(p)},
         {"al_initialise_stat_file_hourly", "Failed to seek in hourly stat file prior to write",
@@ -347,7 +304,7 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
         EXPECT_ERROR_LINE(s.func, s.message);
     }
     for (int fd : {rw, ro, wo, pipe_fds[0], pipe_fds[1]}) close(fd);
-    EXPECT_EQ(bytes_of(path), make_image(997, 2, 0, {})) << "no failed step changed the file";
+    EXPECT_EQ(slurp(file), make_image(997, 2, 0, {})) << "no failed step changed the file";
 }
 
 // ---------------------------------------------------------------------------------------
@@ -376,7 +333,7 @@ const std::string kAxlog = kLogDir + "axlog";
 // The lines of a log; a last line without CR LF comes back marked as torn.
 std::vector<std::string> lines_of(const std::string& path) {
     std::vector<std::string> out;
-    const std::string text = bytes_of(path);
+    const std::string text = slurp(path);
     std::size_t start = 0;
     for (std::size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
         out.push_back(text.substr(start, end - start));
@@ -439,9 +396,8 @@ TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
         SCOPED_TRACE(c.shown);
         for (const auto& e : fs::directory_iterator(kLogDir)) fs::remove(e.path());
         log_message(&s_, c.reason, c.type);
-        EXPECT_EQ(bytes_of(kAxlog), head() + c.shown + kTail + "\r\n");
-        const record r = record_at(hourly(kLogDir), 9);
-        EXPECT_EQ(r.*c.counted, 1u);
+        EXPECT_EQ(slurp(kAxlog), head() + c.shown + kTail + "\r\n");
+        EXPECT_EQ(record_at(hourly(kLogDir), 9).*c.counted, 1u);
     }
     for (const auto& e : fs::directory_iterator(kLogDir)) fs::remove(e.path());
     log_message(&s_, "x", 7);
@@ -451,30 +407,25 @@ TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
 }
 
 TEST_F(MessageLogTest, MissingFieldsFallBackAsLaidOut) {
-    struct {
+    const struct {
         spam_session s;
-        const char* program;
-        const char* expected;  // part of the line
+        std::string expected;  // part of the line
     } cases[] = {
         {{.ip = s_.ip, .port = s_.port, .ptr_state = SPAM_PTR_TEMPFAIL},
-         "smtpd",
          "mua=[no:(null)],ip=[192.0.2.7:(timeout):(null)],port=<2525>"},
-        {{.auth_user = keep("alice")}, "smtpd", "mua=[no:(null)]"},
-        {{.auth_user = keep("alice"), .authenticated = true}, "smtpd", "mua=[yes:alice]"},
+        {{.auth_user = keep("alice")}, "mua=[no:(null)]"},
+        {{.auth_user = keep("alice"), .authenticated = true}, "mua=[yes:alice]"},
         {{},
-         nullptr,
-         "SPAM[r]: mua=[no:(null)],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
-         "helo=<(null)>,from=<(null)>,rcpt=<(null)>"},
+         head("(null)") +
+             "SPAM[r]: mua=[no:(null)],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
+             "helo=<(null)>,from=<(null)>,rcpt=<(null)>\r\n"},
     };
-    for (auto& c : cases) {
+    log_program_name = nullptr;
+    for (auto c : cases) {
         SCOPED_TRACE(c.expected);
         fs::remove(kAxlog);
-        log_program_name = c.program;
         log_message(&c.s, "r", 1);
-        const auto lines = lines_of(kAxlog);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].rfind(head(c.program ? c.program : "(null)") + "SPAM[r]: ", 0), 0u);
-        EXPECT_NE(lines[0].find(c.expected), std::string::npos) << lines[0];
+        EXPECT_NE(slurp(kAxlog).find(c.expected), std::string::npos) << slurp(kAxlog);
     }
 }
 
@@ -526,7 +477,7 @@ TEST_F(MessageLogTest, UserLogsGetTheSameLineAndTheirOwnCounts) {
     log_message(&s_, "spam", 1);
     const std::string line = head() + "SPAM[spam]" + kTail + "\r\n";
     for (const std::string& d : {kLogDir, first, second + "/"}) {
-        EXPECT_EQ(bytes_of(d + "axlog"), line) << d;
+        EXPECT_EQ(slurp(d + "axlog"), line) << d;
         EXPECT_EQ(record_at(daily(d, 7), 3).spam + record_at(hourly(d), 9).spam, 2u) << d;
     }
     EXPECT_NO_ERRORS();
@@ -571,10 +522,6 @@ TEST_F(MessageLogTest, AuthenticationOutcomesAndRefusals) {
 
 TEST_F(MessageLogTest, UnusableSharedLogEndsTheCallQuietly) {
     add_user_dir(dir_);
-    fs::create_directory(kAxlog);  // a directory where the log should be
-    log_message(&s_, "r", 1);
-    refused("ow_open_ex", std::strerror(EISDIR), {true});
-    fs::remove(kAxlog);
     fs::remove(kLogDir);  // no log directory at all
     log_message(&s_, "r", 1);
     log_auth_message(&s_, ARDVEX_AUTH_BLOCK, "r");
@@ -597,13 +544,11 @@ TEST_F(MessageLogTest, ConcurrentProcessesLoseNoCountAndTearNoLine) {
     const int per_process = size != nullptr ? std::atoi(size) : 400;
     ASSERT_GT(per_process, 0);
     record expected{};
+    uint32_t* by_type[] = {&expected.ham,        &expected.spam,       &expected.exempt,
+                           &expected.ratelimit1, &expected.ratelimit2, &expected.ham,
+                           &expected.spam};
     for (int i = 0; i < per_process; ++i) {
-        const int type = i % 7;
-        expected.ham += kProcesses * (type == 0 || type == 5);
-        expected.spam += kProcesses * (type == 1 || type == 6);
-        expected.exempt += kProcesses * (type == 2);
-        expected.ratelimit1 += kProcesses * (type == 3);
-        expected.ratelimit2 += kProcesses * (type == 4);
+        *by_type[i % 7] += kProcesses;
         (i % 3 == 0 ? expected.authenticated : expected.unauthenticated) += kProcesses;
     }
 
