@@ -39,10 +39,6 @@ class KsfTest : public ow_test::ScratchTest {
         ScratchTest::SetUp();
         path_ = path("valid_domain_ips");
     }
-    void TearDown() override {
-        ksf_set_verbose(false);
-        ScratchTest::TearDown();
-    }
     std::string path_;
 };
 
@@ -74,6 +70,7 @@ TEST_F(KsfTest, LoaderKeepsUsableLinesAndElementsInFileOrder) {
     spit(path_, "Bad_Domain: 192.0.2.1\nexample.org: 192.0.2.1/24, 192.0.2.5\nx.org 1\n");
     ksf_set_verbose(true);
     list = ksf_load_list(path_.c_str());
+    ksf_set_verbose(false);
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list->ignored_lines, 2u);
     for (const char* line :
@@ -152,7 +149,6 @@ bool private_control_directory() {
 
 TEST_F(KsfTest, RuleRejectsListedDomainsFromForeignAddressesOnly) {
     if (!private_control_directory()) GTEST_SKIP() << "needs root for a private /etc";
-    const std::string control_file = std::string(ARDVEX_CONTROL_DIR) + "valid_domain_ips";
     // The rule's place in the rule table is shown with the other rules on a real transaction.
     const auto judge = [](const char* ip, std::string mail_from) {
         spam_session s{};
@@ -162,7 +158,7 @@ TEST_F(KsfTest, RuleRejectsListedDomainsFromForeignAddressesOnly) {
     };
 
     EXPECT_FALSE(judge("198.51.100.8", "a@example.org"));  // no control file: the rule is off
-    spit(control_file, "example.org: 192.0.2.0/24, 198.51.100.7\n");
+    spit(ARDVEX_CONTROL_DIR "valid_domain_ips", "example.org: 192.0.2.0/24, 198.51.100.7\n");
     EXPECT_TRUE(judge("198.51.100.8", "Someone@Example.Org"));
     EXPECT_TRUE(
         ow_test::has_debug("rule_known_sender_forgery",
