@@ -12,14 +12,14 @@
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::string_literals;
 
 uint32_t ip(const char* dotted) { return inet_addr(dotted); }
 using rec = std::tuple<const char*, const char*, std::string>;  // low, high, comment
 
 // A file image as the format defines it, written out independently of the module.
 std::string image(char version, const std::vector<rec>& recs, long count = -1) {
-    std::string out = std::string("\xea\xd3\x37\xa9\x80\x6c\xd7\x66", 8) + version + "\0\0\0"s;
+    std::string out = std::string("\xea\xd3\x37\xa9\x80\x6c\xd7\x66", 8) + version;
+    out.resize(12, '\0');  // three bytes of padding
     auto u32 = [&out](uint32_t v) { out.append(reinterpret_cast<const char*>(&v), 4); };
     u32(count < 0 ? recs.size() : count);
     for (const auto& [low, high, comment] : recs) {
@@ -142,15 +142,14 @@ TEST_F(RangeFileTest, AddDeleteImages) {
 
 TEST_F(RangeFileTest, DamagedFiles) {
     const std::string good = image(2, {{"10.1.0.0", "10.1.0.255", ""}});
-    std::string version3 = good, bad_signature = good, no_nul = good;
+    std::string version3 = good, no_nul = good;
     version3[8] = 3;
-    bad_signature[0] = 'x';
     no_nul.replace(16 + 8, 256, std::string(256, 'n'));
     const std::string invalid = " has an invalid range - treating as corrupt";
     // The error line follows "file <path>"; 10.1.0.7 is in the one good range.
     const std::tuple<const char*, std::string, std::string, bool> cases[] = {
         {"short", good.substr(0, 10), "", false},
-        {"signature", bad_signature, "", false},
+        {"signature", "x" + good.substr(1), "", false},
         {"version 3", version3, "", false},
         {"count beyond size", image(2, {{"10.2.0.0", "10.2.0.9", ""}}, 2), " is corrupt", false},
         {"low above high", image(2, {{"10.1.0.9", "10.1.0.1", ""}, {"10.1.0.0", "10.1.0.9", ""}}),

@@ -15,7 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using ow_test::has_error;
 using ow_test::spit;
 
 // "domain=net/prefix,net/prefix;..." of a loaded domain list, in order.
@@ -81,8 +80,7 @@ TEST_F(KsfTest, LoaderKeepsUsableLinesAndElementsInFileOrder) {
     ksf_destroy_list(list);
 }
 
-// Refusals, and every allocation of a load failing in turn: NULL with its line, and nothing
-// left allocated (the sanitizer build reports leaks).
+// Refusals; each allocation of a load failing in turn: NULL, its line, no leak (asan build).
 TEST_F(KsfTest, LoaderFailures) {
     ow_test::refused("ksf_load_list", "Invalid argument",
                      {!ksf_load_list(nullptr), !ksf_load_list("")});
@@ -99,8 +97,8 @@ TEST_F(KsfTest, LoaderFailures) {
         clear_log();
         ow::testing::fail_allocation(n);
         EXPECT_EQ(ksf_load_list(path_.c_str()), nullptr);
-        EXPECT_TRUE(has_error("ksf_load_list", "Unable to load KSF list: " + path_) ||
-                    has_error("ksf_load_list", unreadable))
+        EXPECT_TRUE(ow_test::has_error("ksf_load_list", "Unable to load KSF list: " + path_) ||
+                    ow_test::has_error("ksf_load_list", unreadable))
             << ow_test::dump();
     }
 }
@@ -137,8 +135,7 @@ TEST_F(KsfTest, RestrictionAllowsOnlyTheFirstLinesNetworksAndFailsOpen) {
     EXPECT_TRUE(ksf_check_domain_to_ip_restriction("1.2.3.4", "example.org", p));
 }
 
-// The rule reads the suite's real control file: an empty tmpfs in a mount namespace of this
-// process alone. False without root.
+// The rule reads the real control file: here on a tmpfs of a private mount namespace (root).
 bool private_control_directory() {
     static const bool ready =
         geteuid() == 0 && unshare(CLONE_NEWNS) == 0 &&
@@ -163,8 +160,7 @@ TEST_F(KsfTest, RuleRejectsListedDomainsFromForeignAddressesOnly) {
     EXPECT_TRUE(
         ow_test::has_debug("rule_known_sender_forgery",
                            "IP address [198.51.100.8] may not send for domain [example.org]"));
-    // An allowed address, an IPv6 client (the check fails open), a bounce, an unknown client
-    // and unusable addresses.
+    // An allowed address, IPv6 (the check fails open), a bounce, no or unusable addresses.
     const std::pair<const char*, const char*> passing[] = {
         {"198.51.100.7", "a@example.org"},
         {"2001:db8::1", "a@example.org"},
