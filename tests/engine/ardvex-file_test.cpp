@@ -82,10 +82,10 @@ TEST_F(ListFileTest, Reading) {
     seen.clear();
     EXPECT_TRUE(ow_iterate_file(dir_.c_str(), "crlf", collect));
     EXPECT_EQ(seen, (std::vector<std::string>{"a", "# c", "", "b"}));
-    ow_list* list = ow_file_to_list(dir_.c_str(), "crlf");
-    EXPECT_EQ(ow_list_count(list), 4u);
-    EXPECT_STREQ(static_cast<const char*>(ow_list_data_at(list, 0)), "a\r");
-    ow_destroy_list(&list, std::free);
+    ow_list* loaded = ow_file_to_list(dir_.c_str(), "crlf");
+    EXPECT_EQ(ow_list_count(loaded), 4u);
+    EXPECT_STREQ(static_cast<const char*>(ow_list_data_at(loaded, 0)), "a\r");
+    ow_destroy_list(&loaded, std::free);
 }
 
 TEST_F(ListFileTest, EditOutcomes) {
