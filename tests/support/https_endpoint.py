@@ -4,19 +4,18 @@ status the test chooses.
 
     https_endpoint.py --bind 127.0.0.1 --port N --cert CERT --key KEY --record-dir DIR
 
-Once listening it prints "ready <port>". The n-th POST (from 1) is recorded as
-DIR/body-<n>.bin (the raw body) and DIR/request-<n>.txt (request line and headers). The
-answer is 200, or the status in the file DIR/status while it exists, with an empty body. Like
-a real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends
-it cleanly.
+Once listening it prints "ready <port>". The n-th POST (from 1) is recorded as DIR/body-<n>.bin
+(the raw body) and DIR/request-<n>.txt (request line and headers). The answer is 200, or the
+status in the file DIR/status while it exists, with an empty body. Like a real server it offers
+HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends it cleanly.
 """
 import argparse
 import http.server
+import itertools
 import os
 import signal
 import ssl
 import sys
-import threading
 
 
 class RecordingHandler(http.server.BaseHTTPRequestHandler):
@@ -32,19 +31,15 @@ class RecordingHandler(http.server.BaseHTTPRequestHandler):
         pass  # standard error is the test's output
 
     def do_POST(self):  # noqa: N802 - the base class's name
-        record_dir = self.server.record_dir
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
-        with self.server.lock:
-            self.server.count += 1
-            n = self.server.count
-        with open(os.path.join(record_dir, f"body-{n}.bin"), "wb") as f:
+        n, path = next(self.server.count), lambda name: os.path.join(self.server.dir, name)
+        with open(path(f"body-{n}.bin"), "wb") as f:
             f.write(body)
-        with open(os.path.join(record_dir, f"request-{n}.txt"), "w", encoding="utf-8",
-                  errors="surrogateescape") as f:
+        with open(path(f"request-{n}.txt"), "w", encoding="utf-8", errors="surrogateescape") as f:
             f.write(self.requestline + "\r\n"
                     + "".join(f"{k}: {v}\r\n" for k, v in self.headers.raw_items()))
         try:
-            with open(os.path.join(record_dir, "status")) as f:
+            with open(path("status")) as f:
                 status = int(f.read())
         except FileNotFoundError:
             status = 200
@@ -55,18 +50,18 @@ class RecordingHandler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
 
-def main(argv):
+if __name__ == "__main__":
     parser = argparse.ArgumentParser(description="Recording HTTPS endpoint for tests")
     for option in ("--bind", "--cert", "--key", "--record-dir"):
         parser.add_argument(option, required=True)
     parser.add_argument("--port", type=int, required=True)
-    args = parser.parse_args(argv)
-
+    args = parser.parse_args()
     server = http.server.ThreadingHTTPServer((args.bind, args.port), RecordingHandler)
     server.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     server.tls.load_cert_chain(args.cert, args.key)
     server.tls.set_alpn_protocols(["h2", "http/1.1"])
-    server.record_dir, server.lock, server.count = args.record_dir, threading.Lock(), 0
+    # next() on a count is atomic under the interpreter lock: each request its own number.
+    server.dir, server.count = args.record_dir, itertools.count(1)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     print(f"ready {server.server_address[1]}", flush=True)
     try:
@@ -75,8 +70,3 @@ def main(argv):
         pass
     finally:
         server.server_close()
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
