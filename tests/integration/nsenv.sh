@@ -1,16 +1,13 @@
 #!/usr/bin/env bash
 # nsenv.sh BUILD_DIR COMMAND [ARG...]: runs COMMAND on a throw-away copy of an ardvex server, so
 # the built metrics client runs for real, with its real paths, without touching this machine or
-# the network. Needs root.
-#
-# Inside dnsenv.sh's namespaces it adds: the build's metrics host as 127.0.0.1 in /etc/hosts;
-# tmpfs over /tmp, over /dev (the usual nodes bound back) and over the suite's and Zimbra's
-# directories (private_dirs.sh); the build's stand-ins (ardvex-secure, ardvex-panel-version) and
-# a fake Zimbra version command; the identity license_key=K, product_id=7, server_id=U and
-# enabled=1 in the control directory; a syslog listener on /dev/log recording every datagram
-# as a JSON line; and the HTTPS endpoint (tests/support/https_endpoint.py) on the metrics URL's
-# port of 127.0.0.1, recording every body, whose certificate is the client's only trust anchor.
-# COMMAND finds all of it through the NSENV_* variables at the end; its exit status is ours.
+# the network. Needs root. Inside dnsenv.sh's namespaces it adds: the build's metrics host as
+# 127.0.0.1 in /etc/hosts; tmpfs over /tmp, /dev (the usual nodes bound back) and the suite's
+# and Zimbra's directories; the build's ardvex-secure and ardvex-panel-version, a fake Zimbra
+# version command and the identity K, 7, U with the switch on; a listener on /dev/log writing
+# each record as a JSON line; and https_endpoint.py on the metrics URL's port of 127.0.0.1,
+# recording every body, whose certificate is the client's only trust anchor. COMMAND finds all
+# of it through the NSENV_* variables at the end; its exit status is ours.
 set -euo pipefail
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 die() { echo "nsenv.sh: $*" >&2; exit 1; }
@@ -38,10 +35,7 @@ curl_path=$(cache_var ARDVEX_CURL /usr/bin/curl)
 metrics_host=$(cache_var ARDVEX_METRICS_HOST metrics.ardvex.example)
 metrics_url=$(cache_var ARDVEX_METRICS_URL "https://$metrics_host/store/metrics.php")
 ca_file=$(cache_var ARDVEX_METRICS_CA_FILE "")
-authority=${metrics_url#*://}
-authority=${authority%%/*}
-endpoint_port=443
-case $authority in *:*) endpoint_port=${authority##*:} ;; esac
+[[ $metrics_url =~ ://[^/]*:([0-9]+) ]] && endpoint_port=${BASH_REMATCH[1]} || endpoint_port=443
 printf '127.0.0.1\t%s\n' "$metrics_host" >>/etc/hosts
 
 # A private /tmp. The name servers' files, and a source tree or build directory under /tmp (a
@@ -56,18 +50,15 @@ umount -l /mnt
 work=$DNSENV_WORK/nsenv
 mkdir -p "$work/hostdev" "$work/records"
 
-# /dev: a fresh tmpfs with the usual nodes bound back, so /dev/log can be ours.
+# /dev: a fresh tmpfs, so that /dev/log can be ours; the usual nodes link to the machine's.
 mount --bind /dev "$work/hostdev"
 mount -t tmpfs -o mode=755,nosuid nsenv-dev /dev
-for node in null zero full random urandom tty; do
-    [ -e "$work/hostdev/$node" ] || continue
-    touch "/dev/$node" && mount --bind "$work/hostdev/$node" "/dev/$node"
-done
-umount -l "$work/hostdev"
-mkdir /dev/pts /dev/shm
+mkdir /dev/.host /dev/shm
+mount --move "$work/hostdev" /dev/.host
 mount -t tmpfs -o mode=1777,nosuid,nodev nsenv-shm /dev/shm
-ln -s /proc/self/fd /dev/fd
-for fd in 0:stdin 1:stdout 2:stderr; do ln -s "/proc/self/fd/${fd%:*}" "/dev/${fd#*:}"; done
+for node in null zero full random urandom tty pts fd stdin stdout stderr; do
+    ln -s ".host/$node" /dev
+done
 
 # The suite's directories, programs, identity and switch.
 dirs=("$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir")
@@ -90,9 +81,7 @@ cat '$work/zimbra-release'
 ZMCONTROL
 chmod 755 "$zimbra_dir/bin/zmcontrol"
 printf 'K' >"$control_dir/license_key"
-printf '7\n' >"$control_dir/product_id"
-printf 'U\n' >"$control_dir/server_id"
-printf '1\n' >"$control_dir/enabled"
+for kv in product_id=7 server_id=U enabled=1; do echo "${kv#*=}" >"$control_dir/${kv%=*}"; done
 
 # The endpoint's certificate is the client's only trust anchor: at the build's CA file, or as
 # the whole system store when the build trusts that.
@@ -105,8 +94,7 @@ if [ -n "$ca_file" ]; then
     [ "$d" != - ] || die "the build's CA file $ca_file is outside the private directories"
     mkdir -p "$(dirname "$ca_file")"
 else
-    mkdir -p /etc/ssl/certs
-    mount -t tmpfs -o mode=755 nsenv-certs /etc/ssl/certs
+    bash "$source_dir/tests/support/private_dirs.sh" "$work/private" /etc/ssl/certs
 fi
 cp "$work/cert/cert.pem" "$trust"
 

@@ -1,14 +1,12 @@
 #!/usr/bin/env bash
-# postfix_env.sh BUILD_DIR COMMAND [ARG...], run through tests/support/dnsenv.sh: runs COMMAND
-# beside a real Postfix whose smtpd asks ardvex-policyd, inside the DNS fixture's namespaces.
-#
-# Sets up: an interface ardvex0 of documentation addresses (a dummy one, or one end of a veth
-# pair where the kernel has no dummy driver): 192.0.2.25 for smtpd, 198.51.100.20-39 for
-# clients; a private copy of /etc (settings in $PF_SETTINGS, lists under /etc/ardvex/lists) and
-# private tmpfs over /run, /var/log (the message log; Postfix's log /var/log/postfix.log) and
-# Postfix's queue and data directories; ardvex-policyd on /run/ardvex/policyd.sock as nobody,
-# its own lines in $PF_POLICYD_LOG; Postfix relaying example.test to the discard transport.
-# COMMAND also gets PF_WORK, PF_POLICYD_PID, PF_BUILD_DIR and PF_ADMIN; its exit status is ours.
+# postfix_env.sh BUILD_DIR COMMAND [ARG...], run through dnsenv.sh: runs COMMAND beside a real
+# Postfix whose smtpd asks ardvex-policyd. Sets up: an interface ardvex0 (a dummy, or one end of
+# a veth pair) with 192.0.2.25 for smtpd and 198.51.100.20-39 for clients; a private copy of /etc
+# (settings in $PF_SETTINGS, lists under /etc/ardvex/lists); private tmpfs over /run, /var/log
+# (the message log; Postfix's /var/log/postfix.log) and Postfix's queue and data directories;
+# ardvex-policyd on /run/ardvex/policyd.sock as nobody, its lines in $PF_POLICYD_LOG; Postfix
+# relaying example.test to the discard transport. COMMAND also gets PF_WORK, PF_POLICYD_PID,
+# PF_BUILD_DIR and PF_ADMIN; its exit status is ours.
 set -euo pipefail
 die() { echo "postfix_env.sh: $*" >&2; exit 1; }
 [ $# -ge 2 ] || die "usage: postfix_env.sh BUILD_DIR COMMAND [ARG...]"

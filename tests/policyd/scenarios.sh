@@ -4,7 +4,8 @@
 # reply to RCPT TO and the message log line it leaves; at the end the hourly counters must
 # add up.
 set -euo pipefail
-fail=0 log=/var/log/ardvex/axlog
+failed=0 log=/var/log/ardvex/axlog
+fail() { echo "FAIL $*"; failed=1; }
 declare -A counted=([HAM]=0 [SPAM]=0 [EXEMPT]=0)
 reload() {
     echo "$1" >>"$PF_SETTINGS"
@@ -41,36 +42,32 @@ for row in "${rows[@]}"; do
     line=$(tail -n 1 $log 2>/dev/null || true) added=$(($(log_lines) - before))
     # Postfix puts "<rcpt>: Recipient address rejected: " between the code and the text.
     if [[ $got != "$code "* || $got != *"$text"* ]]; then
-        echo "FAIL $client -> $to: RCPT answered [$got], expected [$code ...$text...]"
-    elif [ -z "$logged" ] && [ "$added" != 0 ]; then
-        echo "FAIL $client -> $to: a deferral left a message log line: $line"
-    elif [ -n "$logged" ] && { [ "$added" != 1 ] ||
-        [[ $line != *"ardvex-policyd["*"]: $logged: "*"ip=[$client:"*"rcpt=<$to>"* ]]; }; then
-        echo "FAIL $client -> $to: message log line [$line], expected type $logged"
+        fail "$client -> $to: RCPT answered [$got], expected [$code ...$text...]"
+    # One message log line for a verdict, none for a deferral.
+    elif [ "$added" != $((${#logged} > 0)) ] ||
+        [[ -n $logged && $line != *"ardvex-policyd["*"]: $logged: "*"ip=[$client:"*"rcpt=<$to>"* ]]; then
+        fail "$client -> $to: $added message log lines, the last [$line]; expected ${logged:-none}"
     else
         kind=${logged%%\[*}
         [ -z "$kind" ] || counted[$kind]=$((counted[$kind] + 1))
         echo "ok   $client -> $to: $got"
-        continue
     fi
-    fail=1
 done
 
 # The hourly counters hold every logged verdict (one hour boundary may split them: sum rows).
 read -r ham spam exempt < <("$PF_ADMIN" counters /var/log/ardvex |
     awk '/^HOUR/ {h = 1; next} h {ham += $3; spam += $4; ex += $5} END {print ham+0, spam+0, ex+0}')
 want="${counted[HAM]} ${counted[SPAM]} ${counted[EXEMPT]}"
-if [ "$ham $spam $exempt" != "$want" ]; then
-    echo "FAIL counters: ham spam exempt = $ham $spam $exempt, expected $want"
-    "$PF_ADMIN" counters /var/log/ardvex || true
-    fail=1
-else
+if [ "$ham $spam $exempt" = "$want" ]; then
     echo "ok   counters: ham $ham, spam $spam, exempt $exempt"
+else
+    fail "counters: ham spam exempt = $ham $spam $exempt, expected $want"
+    "$PF_ADMIN" counters /var/log/ardvex || true
 fi
-if [ "$fail" -ne 0 ]; then
+if [ "$failed" -ne 0 ]; then
     echo "--- ardvex-policyd ---"
     cat "$PF_POLICYD_LOG"
     echo "--- postfix ---"
     tail -n 40 /var/log/postfix.log
 fi
-exit "$fail"
+exit "$failed"

@@ -1,16 +1,11 @@
 #!/usr/bin/env python3
-"""dns_server.py: the scripted name server of the DNS tests.
+"""dns_server.py: the scripted name server of the DNS tests, on UDP and TCP at --bind/--port.
 
-It answers on UDP and TCP at --bind/--port: a query for a scripted name gets the scripted
-answer, however broken; any other is relayed, as raw bytes, to --upstream (dnsmasq). Every
-query is appended to --log as "name<TAB>TYPE<TAB>udp|tcp" (lower-case, no final dot), so tests
-can count the queries a lookup made. The script is JSON, read from every --script file at each
-query (later files override earlier ones name by name), so a test changes it by rewriting a file:
-
-    {"host.scripted.test": {"MX": {"rcode": 2}},
-     "3.2.0.192.in-addr.arpa": {"PTR": {"records": ["@ PTR a.example.test"]},
-                                "*": {"drop": true}}}
-
+A query for a scripted name gets the scripted answer, however broken; any other is relayed, as
+raw bytes, to --upstream. Every query is a line "name<TAB>TYPE<TAB>udp|tcp" of --log (name in
+lower case, no final dot). The script is JSON, read from every --script file at each query
+(later files override earlier ones name by name), so a test changes it by rewriting a file:
+    {"host.scripted.test": {"MX": {"rcode": 2}, "*": {"drop": true}}}
 Names match regardless of case and final dot. The query type's entry is used, else "*"; a name
 with neither answers NOERROR with no records. An entry holds: rcode (default 0); records (in
 zone-file form, "@" the queried name); ra, aa (header flags, default set); drop (never answer);
@@ -18,11 +13,10 @@ tc (over UDP: the TC flag and no records, so the client retries over TCP); mangl
 to an answer of one record and no other section: "rdata_loop" (the record's data a compression
 pointer to itself), "rdata_past_end" (a pointer past the message), "owner_loop" (the owner
 name a pointer to itself), "truncate" (the last `cut` bytes, default 3, cut off).
-It prints "ready" once both sockets listen.
 """
-
 import argparse
 import json
+import os
 import socket
 import socketserver
 import struct
@@ -33,14 +27,10 @@ from dnslib import DNSRecord, QTYPE, RR
 
 def load_script(paths):
     script = {}
-    for path in paths:
-        try:
-            with open(path, encoding="utf-8") as f:
-                text = f.read()
-        except FileNotFoundError:
-            continue
-        for name, entry in (json.loads(text) if text.strip() else {}).items():
-            script[name.lower().rstrip(".")] = entry
+    for path in filter(os.path.exists, paths):
+        with open(path, encoding="utf-8") as f:
+            for name, entry in json.loads(f.read().strip() or "{}").items():
+                script[name.lower().rstrip(".")] = entry
     return script
 
 
@@ -83,14 +73,13 @@ def answer(args, data, transport):
 def mangle(packed, kind, cut):
     if kind in (None, "truncate"):
         return packed[: len(packed) - cut] if kind else packed
-    if struct.unpack("!3H", packed[6:12]) != (1, 0, 0):
-        raise ValueError("mangle needs exactly one answer record")
     answer_at = skip_name(packed, 12) + 4  # past the question's name, type and class
     rdata_at = skip_name(packed, answer_at) + 10
-    if struct.unpack("!H", packed[rdata_at - 2 : rdata_at])[0] < 2:
-        raise ValueError("mangle needs record data of at least two bytes")
-    if kind == "owner_loop" and rdata_at - 10 - answer_at != 2:
-        raise ValueError("owner_loop needs a compressed owner name")
+    rdlength = struct.unpack("!H", packed[rdata_at - 2 : rdata_at])[0]
+    if (struct.unpack("!3H", packed[6:12]) != (1, 0, 0) or rdlength < 2
+            or kind == "owner_loop" and rdata_at - 10 - answer_at != 2):
+        raise ValueError("mangle needs one answer record (data of 2 bytes or more, and for "
+                         "owner_loop a compressed owner name) and no other section")
     at, to = {"rdata_loop": (rdata_at, rdata_at), "rdata_past_end": (rdata_at, 0x3FFF),
               "owner_loop": (answer_at, answer_at)}[kind]
     packed[at : at + 2] = struct.pack("!H", 0xC000 | to)
@@ -134,11 +123,8 @@ if __name__ == "__main__":
     parser.add_argument("--bind", default="127.0.0.1")
     parser.add_argument("--port", type=int, default=53)
     parser.add_argument("--upstream", default="127.0.0.1:5353")
-    parser.add_argument("--script", action="append", default=[])
     parser.add_argument("--log", required=True)
+    parser.add_argument("--script", action="append", default=[])
     args = parser.parse_args()
     open(args.log, "a").close()
-    try:
-        serve(args)
-    except KeyboardInterrupt:
-        pass
+    serve(args)

@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
 # dnsenv.sh COMMAND [ARG...]: runs COMMAND with name servers of its own, in private mount and
 # network namespaces with only loopback, so lookups are tested for real without touching this
-# machine's resolver or the network. Needs root; without it, exits 77 (the tests' "skipped").
-#
-# Private copies lie over /etc/resolv.conf (nameserver 127.0.0.1, one try of one second, so a
-# server that never answers ends a lookup in about a second), /etc/nsswitch.conf (hosts: files
-# dns) and /etc/hosts (localhost only; tests add their own lines). On 127.0.0.1:53 (UDP, TCP)
-# dns_server.py answers from dns_script.json plus the file $DNSENV_SCRIPT (empty at first) and
-# relays every other name to dnsmasq on port 5353, which serves dnsmasq.conf and the files
-# named in $DNSENV_DNSMASQ_CONF (space-separated). Every query is a line "name<TAB>TYPE<TAB>
-# udp|tcp" of $DNSENV_QUERY_LOG. COMMAND also gets DNSENV_WORK (a private tmpfs),
-# DNSENV_SOURCE_DIR and the bash function wait_until (below); its exit status is dnsenv.sh's.
+# machine. Needs root; without it, exits 77 (the tests' "skipped"). Private copies lie over
+# /etc/resolv.conf (127.0.0.1, one try of one second, so a silent server ends a lookup in about
+# a second), /etc/nsswitch.conf (hosts: files dns) and /etc/hosts (localhost; tests add lines).
+# On 127.0.0.1:53 dns_server.py answers from dns_script.json and the file $DNSENV_SCRIPT (empty
+# at first), relaying every other name to dnsmasq on port 5353 (dnsmasq.conf and the files in
+# $DNSENV_DNSMASQ_CONF). Every query is a line "name<TAB>TYPE<TAB>udp|tcp" of $DNSENV_QUERY_LOG.
+# COMMAND also gets DNSENV_WORK (a private tmpfs), DNSENV_SOURCE_DIR and the bash function
+# wait_until (below); its exit status is ours.
 set -euo pipefail
 support_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 die() { echo "dnsenv.sh: $*" >&2; exit 1; }

@@ -1,21 +1,17 @@
 #!/usr/bin/env python3
-"""A recording HTTPS endpoint for tests: it keeps every POST it receives and answers with a
-status the test chooses.
-
-    https_endpoint.py --bind 127.0.0.1 --port N --cert CERT --key KEY --record-dir DIR
-
-Once listening it prints "ready <port>". The n-th POST (from 1) is recorded as DIR/body-<n>.bin
-(the raw body) and DIR/request-<n>.txt (request line and headers). The answer is 200, or the
-status in the file DIR/status while it exists, with an empty body. Like a real server it offers
-HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends it cleanly.
+"""https_endpoint.py --bind ADDRESS --port N --cert CERT --key KEY --record-dir DIR: a recording
+HTTPS endpoint for tests. Once listening it prints "ready <port>". The n-th POST (from 1) is kept
+as DIR/body-<n>.bin (the raw body) and DIR/request-<n>.txt (request line and headers); the
+answer is 200, or the status in the file DIR/status while it exists, with an empty body. Like a
+real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends it.
 """
 import argparse
 import http.server
 import itertools
-import os
 import signal
 import ssl
 import sys
+from pathlib import Path
 
 
 class RecordingHandler(http.server.BaseHTTPRequestHandler):
@@ -32,18 +28,13 @@ class RecordingHandler(http.server.BaseHTTPRequestHandler):
 
     def do_POST(self):  # noqa: N802 - the base class's name
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
-        n, path = next(self.server.count), lambda name: os.path.join(self.server.dir, name)
-        with open(path(f"body-{n}.bin"), "wb") as f:
-            f.write(body)
-        with open(path(f"request-{n}.txt"), "w", encoding="utf-8", errors="surrogateescape") as f:
-            f.write(self.requestline + "\r\n"
-                    + "".join(f"{k}: {v}\r\n" for k, v in self.headers.raw_items()))
-        try:
-            with open(path("status")) as f:
-                status = int(f.read())
-        except FileNotFoundError:
-            status = 200
-        self.send_response(status)
+        n, records = next(self.server.count), Path(self.server.dir)
+        (records / f"body-{n}.bin").write_bytes(body)
+        head = [self.requestline] + [f"{k}: {v}" for k, v in self.headers.raw_items()]
+        (records / f"request-{n}.txt").write_text("".join(line + "\r\n" for line in head),
+                                                  encoding="utf-8", errors="surrogateescape")
+        status = records / "status"
+        self.send_response(int(status.read_text()) if status.exists() else 200)
         self.send_header("Content-Length", "0")
         self.send_header("Connection", "close")
         self.end_headers()

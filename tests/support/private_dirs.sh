@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# private_dirs.sh WORK DIR...: gives each DIR a private, empty tmpfs in the calling process's
-# mount namespace (run it inside dnsenv.sh or another private namespace, never on the machine
-# itself). A directory this machine lacks is made inside an overlay of its nearest existing
-# ancestor, so nothing is created on the real file system; mounts below that ancestor (such as
-# dnsenv.sh's /etc/resolv.conf and /etc/hosts) are carried over the overlay. WORK is a scratch
-# directory for the overlays' layers.
+# private_dirs.sh WORK DIR...: gives each DIR a private, empty tmpfs in the caller's mount
+# namespace (never run it outside one). A directory this machine lacks is made in an overlay
+# (its layers under WORK) of its nearest existing ancestor, so nothing is created on the real
+# file system; mounts below that ancestor (dnsenv.sh's /etc/hosts, say) are carried over.
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: private_dirs.sh WORK DIR..." >&2; exit 2; }
 work=$1
