@@ -67,9 +67,9 @@ def run(what, status, expected, verbose=False, args=(), watch=None):
     """Runs the client and checks its exit status and records: exactly the expected ones in
     order (with verbose, in order among the library's DEBUG lines). watch(process) is called
     while it runs. Returns its output."""
-    env = {k: v for k, v in E.items() if k != "VERBOSEDEBUG"}
-    if verbose:
-        env["VERBOSEDEBUG"] = "1"
+    env = dict(E, VERBOSEDEBUG="1")
+    if not verbose:
+        del env["VERBOSEDEBUG"]
     proc = subprocess.Popen([E["NSENV_CLIENT"], *args], env=env, stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT)
     if watch:

@@ -8,7 +8,6 @@ each record, decoded, as one JSON line to a file. With --show, prints such a fil
 import json
 import os
 import re
-import signal
 import socket
 import sys
 
@@ -32,12 +31,9 @@ def decode(datagram):
 
 
 def listen(path, outfile):
-    if os.path.exists(path):
-        os.unlink(path)
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     sock.bind(path)
     os.chmod(path, 0o666)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     with open(outfile, "a", buffering=1) as out:
         print("ready", flush=True)
         while True:

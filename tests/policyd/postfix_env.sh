@@ -17,10 +17,8 @@ shift
 work=$DNSENV_WORK/postfix
 mkdir -p "$work"
 
-if ! ip link add ardvex0 type dummy 2>/dev/null; then
-    ip link add ardvex0 type veth peer name ardvex1
-    ip link set ardvex1 up
-fi
+ip link add ardvex0 type dummy 2>/dev/null || ip link add ardvex0 type veth peer name ardvex1
+ip link set ardvex1 up 2>/dev/null || true  # the veth pair's other end, if there is one
 ip link set ardvex0 up
 ip addr add 192.0.2.25/24 dev ardvex0
 for i in $(seq 20 39); do ip addr add "198.51.100.$i/24" dev ardvex0; done
@@ -44,9 +42,6 @@ inet_protocols = ipv4
 mydestination =
 relay_domains = example.test
 mynetworks = 127.0.0.0/8
-alias_maps =
-alias_database =
-local_recipient_maps =
 default_transport = discard:
 relay_transport = discard:
 local_transport = discard:

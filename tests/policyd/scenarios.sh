@@ -7,11 +7,7 @@ set -euo pipefail
 failed=0 log=/var/log/ardvex/axlog
 fail() { echo "FAIL $*"; failed=1; }
 declare -A counted=([HAM]=0 [SPAM]=0 [EXEMPT]=0)
-reload() {
-    echo "$1" >>"$PF_SETTINGS"
-    kill -HUP "$PF_POLICYD_PID"
-    sleep 0.3
-}
+reload() { echo "$1" >>"$PF_SETTINGS" && kill -HUP "$PF_POLICYD_PID" && sleep 0.3; }
 log_lines() { if [ -f $log ]; then wc -l <$log; else echo 0; fi; }
 
 ip addr add 198.51.100.7/24 dev ardvex0

@@ -126,5 +126,4 @@ if __name__ == "__main__":
     parser.add_argument("--log", required=True)
     parser.add_argument("--script", action="append", default=[])
     args = parser.parse_args()
-    open(args.log, "a").close()
     serve(args)

@@ -65,6 +65,5 @@ wait_until "$python" -c "$probe" || {
 : >"$work/queries.log"
 
 export DNSENV_WORK=$work DNSENV_SCRIPT=$work/script.json DNSENV_QUERY_LOG=$work/queries.log
-DNSENV_SOURCE_DIR=$(cd "$support_dir/../.." && pwd)
-export DNSENV_SOURCE_DIR
+export DNSENV_SOURCE_DIR=${support_dir%/tests/support}
 "$@"

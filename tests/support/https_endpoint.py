@@ -3,14 +3,12 @@
 HTTPS endpoint for tests. Once listening it prints "ready <port>". The n-th POST (from 1) is kept
 as DIR/body-<n>.bin (the raw body) and DIR/request-<n>.txt (request line and headers); the
 answer is 200, or the status in the file DIR/status while it exists, with an empty body. Like a
-real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends it.
+real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter.
 """
 import argparse
 import http.server
 import itertools
-import signal
 import ssl
-import sys
 from pathlib import Path
 
 
@@ -22,9 +20,6 @@ class RecordingHandler(http.server.BaseHTTPRequestHandler):
         self.request.settimeout(30)
         self.request = self.server.tls.wrap_socket(self.request, server_side=True)
         super().setup()
-
-    def log_message(self, *args):
-        pass  # standard error is the test's output
 
     def do_POST(self):  # noqa: N802 - the base class's name
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
@@ -53,11 +48,5 @@ if __name__ == "__main__":
     server.tls.set_alpn_protocols(["h2", "http/1.1"])
     # next() on a count is atomic under the interpreter lock: each request its own number.
     server.dir, server.count = args.record_dir, itertools.count(1)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     print(f"ready {server.server_address[1]}", flush=True)
-    try:
-        server.serve_forever(poll_interval=0.1)
-    except SystemExit:
-        pass
-    finally:
-        server.server_close()
+    server.serve_forever()
