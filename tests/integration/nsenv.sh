@@ -1,35 +1,20 @@
 #!/usr/bin/env bash
-# nsenv.sh: runs a command on a throw-away copy of an ardvex server, so the built metrics
-# client can be run for real, with its real paths, without touching this machine or the
-# network. Needs root.
-#
-#   nsenv.sh BUILD_DIR COMMAND [ARG...]
-#
-# The command runs in private mount and network namespaces with only loopback, brought up,
-# and the build's metrics host mapped to it in a private /etc/hosts; tmpfs over /tmp, over
-# /dev (the usual nodes bound back) and over the suite's and Zimbra's directories (made on an
-# overlay of their parent when this machine lacks them); the build's stand-ins
-# (ardvex-secure, ardvex-panel-version) and a fake Zimbra version command installed; the
-# identity license_key=K, product_id=7, server_id=U and enabled=1 in the control directory;
-# a syslog listener on /dev/log recording every datagram as a JSON line; and the HTTPS
-# endpoint (tests/support/https_endpoint.py) on the metrics URL's port of 127.0.0.1,
-# recording every body; its certificate is the client's only trust anchor. The command finds
-# everything through the NSENV_* variables at the end of this file; its exit status is
-# nsenv.sh's.
+# nsenv.sh BUILD_DIR COMMAND [ARG...]: runs COMMAND on a throw-away copy of an ardvex server, so
+# the built metrics client runs for real, with its real paths, without touching this machine or
+# the network. Needs root. Inside dnsenv.sh's namespaces it adds: the build's metrics host as
+# 127.0.0.1 in /etc/hosts; tmpfs over /tmp, /dev (the usual nodes bound back) and the suite's
+# and Zimbra's directories; the build's ardvex-secure and ardvex-panel-version, a fake Zimbra
+# version command and the identity K, 7, U with the switch on; a listener on /dev/log writing
+# each record as a JSON line; and https_endpoint.py on the metrics URL's port of 127.0.0.1,
+# recording every body, whose certificate is the client's only trust anchor. COMMAND finds all
+# of it through the NSENV_* variables at the end; its exit status is ours.
 set -euo pipefail
-
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-die() {
-    echo "nsenv.sh: $*" >&2
-    exit 1
-}
-
-if [ -z "${NSENV_INSIDE:-}" ]; then
+die() { echo "nsenv.sh: $*" >&2; exit 1; }
+if [ -z "${DNSENV_WORK:-}" ]; then
     [ "$(id -u)" -eq 0 ] || die "needs root: it makes mount and network namespaces"
-    exec unshare --mount --net --fork --propagation private -- \
-        env NSENV_INSIDE=1 bash "${BASH_SOURCE[0]}" "$@"
+    exec "$source_dir/tests/support/dnsenv.sh" bash "${BASH_SOURCE[0]}" "$@"
 fi
-unset NSENV_INSIDE
 [ $# -ge 2 ] || die "usage: nsenv.sh BUILD_DIR COMMAND [ARG...]"
 build_dir=$(cd "$1" && pwd)
 shift
@@ -50,87 +35,42 @@ curl_path=$(cache_var ARDVEX_CURL /usr/bin/curl)
 metrics_host=$(cache_var ARDVEX_METRICS_HOST metrics.ardvex.example)
 metrics_url=$(cache_var ARDVEX_METRICS_URL "https://$metrics_host/store/metrics.php")
 ca_file=$(cache_var ARDVEX_METRICS_CA_FILE "")
-# The port of the URL's authority, 443 without one.
-authority=${metrics_url#*://}
-authority=${authority%%/*}
-endpoint_port=443
-case $authority in *:*) endpoint_port=${authority##*:} ;; esac
+[[ $metrics_url =~ ://[^/]*:([0-9]+) ]] && endpoint_port=${BASH_REMATCH[1]} || endpoint_port=443
+printf '127.0.0.1\t%s\n' "$metrics_host" >>/etc/hosts
 
-# --- private /tmp, working directory ----------------------------------------------------
-# A source tree or build directory under /tmp (a CI checkout, say) is carried over into the
-# private /tmp at the same path, through a holding mount that only this namespace sees.
-keep=()
-[[ $source_dir/ == /tmp/* ]] && keep+=("$source_dir")
-# A build directory inside the source tree comes with it.
-[[ $build_dir/ == /tmp/* && $build_dir/ != "$source_dir"/* ]] && keep+=("$build_dir")
-((${#keep[@]} == 0)) || mount -t tmpfs nsenv-hold /mnt
-for i in "${!keep[@]}"; do
-    mkdir "/mnt/$i"
-    mount --bind "${keep[$i]}" "/mnt/$i"
-done
+# A private /tmp. The name servers' files, and a source tree or build directory under /tmp (a
+# CI checkout, say), are carried over at the same paths through a holding mount.
+keep=("$DNSENV_WORK")
+for d in "$source_dir" "$build_dir"; do [[ $d/ == /tmp/* ]] && keep+=("$d"); done
+mount -t tmpfs nsenv-hold /mnt
+for i in "${!keep[@]}"; do mkdir "/mnt/$i" && mount --bind "${keep[$i]}" "/mnt/$i"; done
 mount -t tmpfs -o mode=1777 nsenv-tmp /tmp
-for i in "${!keep[@]}"; do
-    mkdir -p "${keep[$i]}"
-    mount --bind "/mnt/$i" "${keep[$i]}"
-done
-((${#keep[@]} == 0)) || umount -l /mnt
-work=/tmp/nsenv
-mkdir -p "$work"
+for i in "${!keep[@]}"; do mkdir -p "${keep[$i]}" && mount --bind "/mnt/$i" "${keep[$i]}"; done
+umount -l /mnt
+work=$DNSENV_WORK/nsenv
+mkdir -p "$work/hostdev" "$work/records"
 
-# --- /dev: a fresh tmpfs with the usual nodes bound back, so /dev/log can be ours ---------
-mkdir "$work/hostdev"
+# /dev: a fresh tmpfs, so that /dev/log can be ours; the usual nodes link to the machine's.
 mount --bind /dev "$work/hostdev"
 mount -t tmpfs -o mode=755,nosuid nsenv-dev /dev
-for node in null zero full random urandom tty; do
-    if [ -e "$work/hostdev/$node" ]; then
-        touch "/dev/$node"
-        mount --bind "$work/hostdev/$node" "/dev/$node"
-    fi
-done
-umount -l "$work/hostdev"
-rmdir "$work/hostdev"
-mkdir /dev/pts /dev/shm
+mkdir /dev/.host /dev/shm
+mount --move "$work/hostdev" /dev/.host
 mount -t tmpfs -o mode=1777,nosuid,nodev nsenv-shm /dev/shm
-ln -s /proc/self/fd /dev/fd
-ln -s /proc/self/fd/0 /dev/stdin
-ln -s /proc/self/fd/1 /dev/stdout
-ln -s /proc/self/fd/2 /dev/stderr
-
-# --- the suite's directories ----------------------------------------------------------
-# Each becomes a private, empty tmpfs, unless it lies inside one that already did. A
-# directory this machine lacks is made inside an overlay of its nearest existing ancestor,
-# so nothing is created on the real file system.
-privatised=()
-declare -A overlaid=()
-for dir in "$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir"; do
-    dir=${dir%/}
-    for p in "${privatised[@]+"${privatised[@]}"}"; do [[ $dir/ == "$p"/* ]] && continue 2; done
-    if [ ! -d "$dir" ]; then
-        parent=$(dirname "$dir")
-        while [ ! -d "$parent" ]; do parent=$(dirname "$parent"); done
-        [ "$parent" != / ] || die "will not overlay / to make $dir"
-        if [ -z "${overlaid[$parent]:-}" ]; then
-            upper=$work/overlay/${#overlaid[@]}
-            mkdir -p "$upper/upper" "$upper/work"
-            mount -t overlay nsenv-overlay \
-                -o "lowerdir=$parent,upperdir=$upper/upper,workdir=$upper/work" "$parent"
-            overlaid[$parent]=1
-        fi
-        mkdir -p "$dir"
-    fi
-    mount -t tmpfs -o mode=755 nsenv-suite "$dir"
-    privatised+=("$dir")
+for node in null zero full random urandom tty pts fd stdin stdout stderr; do
+    ln -s ".host/$node" /dev
 done
+
+# The suite's directories, programs, identity and switch.
+dirs=("$etc_dir" "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir")
+bash "$source_dir/tests/support/private_dirs.sh" "$work/private" "${dirs[@]}"
 mkdir -p "$control_dir" "$suite_bin_dir" "$log_dir" "$zimbra_dir/bin"
 chmod 755 "${control_dir%/}" "$suite_bin_dir"
-
-# --- programs, identity and switch ------------------------------------------------------
 for tool in ardvex-secure ardvex-panel-version; do
-    [ -x "$build_dir/tools/$tool" ] || die "$build_dir/tools/$tool is missing: configure the build first"
+    [ -x "$build_dir/tools/$tool" ] || die "$build_dir/tools/$tool is missing: build it first"
     install -m 755 "$build_dir/tools/$tool" "$suite_bin_dir/$tool"
 done
-# Zimbra's version command as far as the suite uses it; what it prints is the file
-# $NSENV_ZIMBRA_RELEASE, and every call is appended to $NSENV_ZMCONTROL_CALLS.
+# Zimbra's version command as far as the suite uses it: it prints $NSENV_ZIMBRA_RELEASE, and
+# every call is appended to $NSENV_ZMCONTROL_CALLS.
 printf 'Release 8.8.15_GA_3869.UBUNTU16.64 UBUNTU16_64 FOSS edition, Patch 8.8.15_P8.\n' \
     >"$work/zimbra-release"
 cat >"$zimbra_dir/bin/zmcontrol" <<ZMCONTROL
@@ -141,62 +81,41 @@ cat '$work/zimbra-release'
 ZMCONTROL
 chmod 755 "$zimbra_dir/bin/zmcontrol"
 printf 'K' >"$control_dir/license_key"
-printf '7\n' >"$control_dir/product_id"
-printf 'U\n' >"$control_dir/server_id"
-printf '1\n' >"$control_dir/enabled"
+for kv in product_id=7 server_id=U enabled=1; do echo "${kv#*=}" >"$control_dir/${kv%=*}"; done
 
-# --- network --------------------------------------------------------------------------
-ip link set lo up
-printf '127.0.0.1\tlocalhost %s\n::1\tlocalhost ip6-localhost\n' "$metrics_host" >"$work/hosts"
-mount --bind "$work/hosts" /etc/hosts
+# The endpoint's certificate is the client's only trust anchor: at the build's CA file, or as
+# the whole system store when the build trusts that.
+bash "$source_dir/tests/support/make_cert.sh" "$work/cert" "$metrics_host" >/dev/null 2>&1 ||
+    die "tests/support/make_cert.sh failed"
+trust=/etc/ssl/certs/ca-certificates.crt
+if [ -n "$ca_file" ]; then
+    trust=$ca_file
+    for d in "${dirs[@]}" -; do [[ $ca_file == "${d%/}"/* ]] && break; done
+    [ "$d" != - ] || die "the build's CA file $ca_file is outside the private directories"
+    mkdir -p "$(dirname "$ca_file")"
+else
+    bash "$source_dir/tests/support/private_dirs.sh" "$work/private" /etc/ssl/certs
+fi
+cp "$work/cert/cert.pem" "$trust"
 
-# --- background services ----------------------------------------------------------------
+# The services, each started in the background and awaited until its output says "ready".
 pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true; wait' EXIT
-
-# Starts a service in the background and waits until a line of its output starts with
-# ready, or fails after about 10 seconds.
 start_service() {
-    local what=$1 out=$2 ready=$3 i
+    local what=$1 out=$2 ready=$3
     shift 3
     "$@" >"$out" 2>&1 &
     pids+=($!)
-    for ((i = 0; i < 200; i++)); do
-        grep -q -- "^$ready" "$out" 2>/dev/null && return 0
-        kill -0 "${pids[-1]}" 2>/dev/null || break
-        sleep 0.05
-    done
-    cat "$out" >&2 || true
-    die "$what did not start"
+    wait_until grep -q -- "^$ready" "$out" || { cat "$out" >&2; die "$what did not start"; }
 }
-
 python=${PYTHON:-python3}
 start_service "the syslog listener" "$work/syslog.out" ready \
     "$python" "$source_dir/tests/integration/syslog_listener.py" /dev/log "$work/syslog.jsonl"
-: >"$work/syslog.jsonl"
-
-mkdir -p "$work/records" "$work/cert"
-bash "$source_dir/tests/support/make_cert.sh" "$work/cert" "$metrics_host" >/dev/null 2>&1 \
-    || die "tests/support/make_cert.sh failed"
-# The endpoint's certificate is the client's only trust anchor: at the build's CA file, or
-# as the whole system store when the build trusts that.
-if [ -n "$ca_file" ]; then
-    trust=$ca_file
-    for p in "${privatised[@]}"; do [[ $ca_file == "$p"/* ]] && break; done
-    [[ $ca_file == "$p"/* ]] || die "the build's CA file $ca_file is outside the private directories"
-    mkdir -p "$(dirname "$ca_file")"
-else
-    trust=/etc/ssl/certs/ca-certificates.crt
-    mkdir -p /etc/ssl/certs
-    mount -t tmpfs -o mode=755 nsenv-certs /etc/ssl/certs
-fi
-cp "$work/cert/cert.pem" "$trust"
 start_service "the HTTPS endpoint" "$work/endpoint.out" "ready $endpoint_port" \
     "$python" "$source_dir/tests/support/https_endpoint.py" --bind 127.0.0.1 \
     --port "$endpoint_port" --cert "$work/cert/cert.pem" --key "$work/cert/key.pem" \
     --record-dir "$work/records"
 
-# --- the command ----------------------------------------------------------------------
 export NSENV_WORK=$work NSENV_SOURCE_DIR=$source_dir NSENV_CURL=$curl_path
 export NSENV_CLIENT=$build_dir/metrics_client/ardvex-metrics-client
 export NSENV_CONTROL_DIR=$control_dir NSENV_CACHE=${control_dir%/}/.metrics.cache

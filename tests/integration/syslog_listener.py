@@ -8,16 +8,14 @@ each record, decoded, as one JSON line to a file. With --show, prints such a fil
 import json
 import os
 import re
-import signal
 import socket
 import sys
 
 FACILITIES = ("kern user mail daemon auth syslog lpr news uucp cron authpriv ftp ntp audit alert "
               "clock local0 local1 local2 local3 local4 local5 local6 local7").split()
 PRIORITIES = "emerg alert crit err warning notice info debug".split()
-
 # glibc's local format: <PRI>Mmm dd hh:mm:ss TAG[PID]: TEXT
-RECORD = re.compile(rb"^<(\d{1,3})>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^\[:]*)(?:\[(\d+)\])?: ?(.*)$",
+RECORD = re.compile(rb"^<(\d{1,3})>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]*)(?:\[(\d+)\])?: ?(.*)$",
                     re.S)
 
 
@@ -25,7 +23,7 @@ def decode(datagram):
     match = RECORD.match(datagram)
     if not match:
         return {"raw": datagram.decode("utf-8", "replace")}
-    pri, _time, tag, pid, text = match.groups()
+    pri, tag, pid, text = match.groups()
     facility = int(pri) >> 3
     return {"facility": FACILITIES[facility] if facility < len(FACILITIES) else str(facility),
             "priority": PRIORITIES[int(pri) & 7], "tag": tag.decode("utf-8", "replace"),
@@ -33,14 +31,11 @@ def decode(datagram):
 
 
 def listen(path, outfile):
-    if os.path.exists(path):
-        os.unlink(path)
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     sock.bind(path)
     os.chmod(path, 0o666)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
-    print("ready", flush=True)
     with open(outfile, "a", buffering=1) as out:
+        print("ready", flush=True)
         while True:
             out.write(json.dumps(decode(sock.recv(65536))) + "\n")
 
@@ -48,17 +43,15 @@ def listen(path, outfile):
 def show(outfile):
     with open(outfile) as records:
         for r in map(json.loads, records):
-            if "raw" in r:
-                print("(undecoded) " + r["raw"])
-            else:
-                pid = "[%d]" % r["pid"] if r["pid"] is not None else ""
-                print("%s.%s %s%s: %s" % (r["facility"], r["priority"], r["tag"], pid, r["text"]))
+            pid = "" if r.get("pid") is None else "[%d]" % r["pid"]
+            print("(undecoded) " + r["raw"] if "raw" in r else
+                  "%s.%s %s%s: %s" % (r["facility"], r["priority"], r["tag"], pid, r["text"]))
 
 
 if __name__ == "__main__":
-    if len(sys.argv) == 3 and sys.argv[1] == "--show":
-        show(sys.argv[2])
-    elif len(sys.argv) == 3:
-        listen(sys.argv[1], sys.argv[2])
-    else:
+    if len(sys.argv) != 3:
         sys.exit(__doc__)
+    if sys.argv[1] == "--show":
+        show(sys.argv[2])
+    else:
+        listen(sys.argv[1], sys.argv[2])

@@ -1,22 +1,15 @@
 #!/usr/bin/env python3
-"""A recording HTTPS endpoint for tests: it keeps every POST it receives and answers with a
-status the test chooses.
-
-    https_endpoint.py --bind 127.0.0.1 --port N --cert CERT --key KEY --record-dir DIR
-
-Once listening it prints "ready <port>". The n-th POST (from 1) is recorded as
-DIR/body-<n>.bin (the raw body) and DIR/request-<n>.txt (request line and headers). The
-answer is 200, or the status in the file DIR/status while it exists, with an empty body. Like
-a real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter. SIGTERM ends
-it cleanly.
+"""https_endpoint.py --bind ADDRESS --port N --cert CERT --key KEY --record-dir DIR: a recording
+HTTPS endpoint for tests. Once listening it prints "ready <port>". The n-th POST (from 1) is kept
+as DIR/body-<n>.bin (the raw body) and DIR/request-<n>.txt (request line and headers); the
+answer is 200, or the status in the file DIR/status while it exists, with an empty body. Like a
+real server it offers HTTP/2 as well as HTTP/1.1, but speaks only the latter.
 """
 import argparse
 import http.server
-import os
-import signal
+import itertools
 import ssl
-import sys
-import threading
+from pathlib import Path
 
 
 class RecordingHandler(http.server.BaseHTTPRequestHandler):
@@ -28,55 +21,32 @@ class RecordingHandler(http.server.BaseHTTPRequestHandler):
         self.request = self.server.tls.wrap_socket(self.request, server_side=True)
         super().setup()
 
-    def log_message(self, *args):
-        pass  # standard error is the test's output
-
     def do_POST(self):  # noqa: N802 - the base class's name
-        record_dir = self.server.record_dir
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
-        with self.server.lock:
-            self.server.count += 1
-            n = self.server.count
-        with open(os.path.join(record_dir, f"body-{n}.bin"), "wb") as f:
-            f.write(body)
-        with open(os.path.join(record_dir, f"request-{n}.txt"), "w", encoding="utf-8",
-                  errors="surrogateescape") as f:
-            f.write(self.requestline + "\r\n"
-                    + "".join(f"{k}: {v}\r\n" for k, v in self.headers.raw_items()))
-        try:
-            with open(os.path.join(record_dir, "status")) as f:
-                status = int(f.read())
-        except FileNotFoundError:
-            status = 200
-        self.send_response(status)
+        n, records = next(self.server.count), Path(self.server.dir)
+        (records / f"body-{n}.bin").write_bytes(body)
+        head = [self.requestline] + [f"{k}: {v}" for k, v in self.headers.raw_items()]
+        (records / f"request-{n}.txt").write_text("".join(line + "\r\n" for line in head),
+                                                  encoding="utf-8", errors="surrogateescape")
+        status = records / "status"
+        self.send_response(int(status.read_text()) if status.exists() else 200)
         self.send_header("Content-Length", "0")
         self.send_header("Connection", "close")
         self.end_headers()
         self.close_connection = True
 
 
-def main(argv):
+if __name__ == "__main__":
     parser = argparse.ArgumentParser(description="Recording HTTPS endpoint for tests")
     for option in ("--bind", "--cert", "--key", "--record-dir"):
         parser.add_argument(option, required=True)
     parser.add_argument("--port", type=int, required=True)
-    args = parser.parse_args(argv)
-
+    args = parser.parse_args()
     server = http.server.ThreadingHTTPServer((args.bind, args.port), RecordingHandler)
     server.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     server.tls.load_cert_chain(args.cert, args.key)
     server.tls.set_alpn_protocols(["h2", "http/1.1"])
-    server.record_dir, server.lock, server.count = args.record_dir, threading.Lock(), 0
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    # next() on a count is atomic under the interpreter lock: each request its own number.
+    server.dir, server.count = args.record_dir, itertools.count(1)
     print(f"ready {server.server_address[1]}", flush=True)
-    try:
-        server.serve_forever(poll_interval=0.1)
-    except SystemExit:
-        pass
-    finally:
-        server.server_close()
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    server.serve_forever()

@@ -1,38 +1,31 @@
 #!/usr/bin/env bash
-# private_dirs.sh: gives each DIR a private, empty tmpfs in the calling process's mount
-# namespace (run it inside dnsenv.sh or another private namespace, never on the machine
-# itself). A directory this machine lacks is made inside an overlay of its nearest existing
-# ancestor, so nothing is created on the real file system; mounts below that ancestor (such
-# as dnsenv.sh's /etc/resolv.conf and /etc/hosts) are carried over the overlay.
-#
-#   private_dirs.sh WORK DIR...     WORK: a scratch directory for the overlays' layers
+# private_dirs.sh WORK DIR...: gives each DIR a private, empty tmpfs in the caller's mount
+# namespace (never run it outside one). A directory this machine lacks is made in an overlay
+# (its layers under WORK) of its nearest existing ancestor, so nothing is created on the real
+# file system; mounts below that ancestor (dnsenv.sh's /etc/hosts, say) are carried over.
 set -euo pipefail
-
 [ $# -ge 2 ] || { echo "usage: private_dirs.sh WORK DIR..." >&2; exit 2; }
 work=$1
 shift
 mkdir -p "$work"
 
 overlay() {
-    local parent=$1 layer mounts=() i=0 m
+    local parent=$1 layer mounts=() i m
     layer=$(mktemp -d "$work/overlay.XXXXXX")
     mkdir "$layer/upper" "$layer/work" "$layer/hold"
     # Mount points strictly inside parent, shallowest first (mountinfo lists parents first).
     while read -r m; do
         [[ $m == "$parent"/* ]] && mounts+=("$m")
     done < <(awk '{ print $5 }' /proc/self/mountinfo)
-    for m in "${mounts[@]+"${mounts[@]}"}"; do
-        if [ -d "$m" ]; then mkdir "$layer/hold/$i"; else touch "$layer/hold/$i"; fi
-        mount --bind "$m" "$layer/hold/$i"
-        i=$((i + 1))
+    for i in "${!mounts[@]}"; do
+        if [ -d "${mounts[$i]}" ]; then mkdir "$layer/hold/$i"; else touch "$layer/hold/$i"; fi
+        mount --bind "${mounts[$i]}" "$layer/hold/$i"
     done
     mount -t overlay private-dirs \
         -o "lowerdir=$parent,upperdir=$layer/upper,workdir=$layer/work" "$parent"
-    i=0
-    for m in "${mounts[@]+"${mounts[@]}"}"; do
-        mount --bind "$layer/hold/$i" "$m"
+    for i in "${!mounts[@]}"; do
+        mount --bind "$layer/hold/$i" "${mounts[$i]}"
         umount -l "$layer/hold/$i"
-        i=$((i + 1))
     done
 }
 
