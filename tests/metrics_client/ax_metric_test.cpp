@@ -2,17 +2,10 @@
 // POST body (the full eleven-row table is posted by tests/integration).
 #include "ax_metric.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "log_capture.hpp"
 #include "ow_internal.hpp"
+#include "scratch.hpp"
 
 namespace {
 
@@ -77,7 +70,7 @@ TEST_F(MetricTest, BodyEncoding) {
         std::free(body);
         ow_map_destroy(set);
     }
-    ow_hashmap* empty = ow_map_create(0, 0);
+    ow_hashmap* empty = make_set({});
     EXPECT_EQ(ax_metric_build_postdata(empty), nullptr);
     ow_map_destroy(empty);
     EXPECT_NO_ERRORS();
@@ -123,20 +116,15 @@ TEST_F(MetricTest, FailedAllocationLeavesNoSetAndNoBody) {
         // LeakSanitizer checks that a partial set or body went; whichever step failed, formatting
         // or an escape pass, there is no body rather than a half-encoded one.
         EXPECT_STREQ(body, failed ? nullptr : "A=1&B=t%2Eo&C=3");
-        if (set == nullptr) {
-            EXPECT_TRUE(ow_test::has_error("ax_metric_load", kEnomem) ||
-                        ow_test::has_error("ax_metric_load", "failed to store metric"))
-                << ow_test::dump();
-        } else if (failed) {
-            EXPECT_TRUE(ow_test::has_error("ax_metric_build_postdata", kEnomem) ||
-                        ow_test::has_error("ow_str_replace", kEnomem))
-                << ow_test::dump();
-            ow_map_destroy(set);
-        } else {
-            ow_map_destroy(set);
-            std::free(body);
-            break;
-        }
+        const bool said = set == nullptr
+                              ? ow_test::has_error("ax_metric_load", kEnomem) ||
+                                    ow_test::has_error("ax_metric_load", "failed to store metric")
+                              : ow_test::has_error("ax_metric_build_postdata", kEnomem) ||
+                                    ow_test::has_error("ow_str_replace", kEnomem);
+        EXPECT_TRUE(said || !failed) << ow_test::dump();
+        ow_map_destroy(set);
+        std::free(body);
+        if (!failed) break;
     }
 }
 
@@ -159,7 +147,7 @@ TEST_F(MetricTest, OnlyCachedEntriesDecide) {
     }
     // A short value held in the value word, as a map file gives back a value that was not
     // saved as a copy, is read from the word and never followed as a pointer.
-    ow_hashmap* inline_cache = ow_map_create(0, 0);
+    ow_hashmap* inline_cache = make_set({});
     void* word = nullptr;
     std::memcpy(&word, "2", 2);
     ASSERT_TRUE(ow_map_store_ex(inline_cache, "K2", word, 2, false, nullptr));
