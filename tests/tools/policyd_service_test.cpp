@@ -87,13 +87,9 @@ class Service : public ow_test::ScratchTest {
         EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         return fd;
     }
+    // A blocking send on a stream socket returns once every byte went.
     static bool send_all(int fd, const std::string& bytes) {
-        for (size_t off = 0; off < bytes.size();) {
-            const ssize_t n = ::send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
-            if (n <= 0) return false;
-            off += static_cast<size_t>(n);
-        }
-        return true;
+        return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
     }
     // Reads until `size` bytes or an answer's end; "" when the service closed the connection
     // first, "timeout" when it said nothing for timeout_ms.
@@ -112,18 +108,19 @@ class Service : public ow_test::ScratchTest {
     static std::string ask(int fd, const std::string& bytes) {
         return send_all(fd, bytes) ? answer(fd) : "send failed";
     }
-    std::vector<pid_t> workers() const {
-        std::ifstream in("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) +
-                         "/children");
-        std::vector<pid_t> out;
-        for (pid_t p; in >> p;) out.push_back(p);
-        return out;
+    std::string workers() const {  // their pids, each followed by a blank
+        const std::string pid = std::to_string(pid_);
+        return slurp("/proc/" + pid + "/task/" + pid + "/children");
     }
     pid_t pid_ = -1;
 };
 
-TEST_F(Service, OddStalledAndVanishingClientsCostNothingOthersSee) {
-    start("max_request_size = 4096\nread_timeout = 1\nidle_timeout = 2\n");
+TEST_F(Service, OddStalledVanishingAndManyClientsCostNothingOthersSee) {
+    rlimit lim{};
+    ::getrlimit(RLIMIT_NOFILE, &lim);
+    lim.rlim_cur = std::max<rlim_t>(lim.rlim_cur, std::min<rlim_t>(lim.rlim_max, 4096));
+    ::setrlimit(RLIMIT_NOFILE, &lim);
+    start("workers = 4\nmax_request_size = 4096\nread_timeout = 1\nidle_timeout = 2\n");
     const int stalled = connect_client(), idle = connect_client(), vanishing = connect_client();
     ASSERT_TRUE(send_all(stalled, "request=smtpd_access_policy\nclient_addr"));
     std::string burst;  // many requests, and gone before reading any answer
@@ -161,27 +158,19 @@ TEST_F(Service, OddStalledAndVanishingClientsCostNothingOthersSee) {
     // The half request is dropped after read_timeout, the silent one after idle_timeout.
     EXPECT_EQ(answer(stalled, 4000), "");
     EXPECT_EQ(answer(idle, 4000), "");
-    EXPECT_EQ(ask(fd, request("10.0.0.3", "m1")), kDunno);
-    for (const int f : {stalled, idle, fd}) ::close(f);
-}
+    const int again = connect_client();
+    EXPECT_EQ(ask(again, request("10.0.0.3", "m1")), kDunno);
+    for (const int f : {stalled, idle, fd, again}) ::close(f);
 
-TEST_F(Service, AThousandConnectionsAtOnce) {
-    rlimit lim{};
-    ::getrlimit(RLIMIT_NOFILE, &lim);
-    lim.rlim_cur = std::max<rlim_t>(lim.rlim_cur, std::min<rlim_t>(lim.rlim_max, 4096));
-    ::setrlimit(RLIMIT_NOFILE, &lim);
-    start("workers = 4\n");
-    std::vector<int> fds;
+    std::vector<int> fds;  // a thousand at once
     for (int i = 0; i < 1000; ++i) {
         fds.push_back(connect_client());
-        ASSERT_TRUE(send_all(fds.back(), request("10.1." + std::to_string(i / 250) + "." +
-                                                     std::to_string(i % 250 + 1),
-                                                 "m" + std::to_string(i))));
+        ASSERT_TRUE(send_all(fds.back(), request("10.1.0.1", "m" + std::to_string(i))));
     }
     int answered = 0;
-    for (const int fd : fds) {
-        answered += answer(fd, 30000) == kDunno ? 1 : 0;
-        ::close(fd);
+    for (const int f : fds) {
+        answered += answer(f, 30000) == kDunno ? 1 : 0;
+        ::close(f);
     }
     EXPECT_EQ(answered, 1000);
 }
@@ -196,8 +185,7 @@ TEST_F(Service, ReloadsKeepConnectionsAndReachAReplacedStuckWorker) {
     reload("inbound_limit = 1\n" + one);
     EXPECT_EQ(ask(fd, request("10.0.0.4", "m3")), kDunno);
     const std::string limited = ask(fd, request("10.0.0.4", "m4"));
-    EXPECT_EQ(limited.rfind("action=450 4.7.1 Server 10.0.0.4 has sent too much mail.", 0), 0u)
-        << limited;
+    EXPECT_TRUE(limited.starts_with("action=450 4.7.1 Server 10.0.0.4 has sent too much mail."));
 
     reload("inbound_limit = lots\n" + one);
     EXPECT_NE(log().find("settings not reloaded, keeping the previous ones: " + dir_ +
@@ -207,9 +195,9 @@ TEST_F(Service, ReloadsKeepConnectionsAndReachAReplacedStuckWorker) {
     EXPECT_EQ(ask(fd, request("10.0.0.4", "m5")), limited);
 
     // A stopped worker costs one DUNNO; its replacement has the reloaded settings.
-    const std::vector<pid_t> before = workers();
-    ASSERT_EQ(before.size(), 1u);
-    ::kill(before[0], SIGSTOP);
+    const std::string before = workers();
+    ASSERT_EQ(std::count(before.begin(), before.end(), ' '), 1) << before;
+    ::kill(std::stoi(before), SIGSTOP);
     EXPECT_EQ(ask(fd, request("10.0.0.4", "m6")), kDunno);
     EXPECT_NE(log().find("overran request_timeout and was stopped"), std::string::npos) << log();
     EXPECT_EQ(ask(fd, request("10.0.0.4", "m7")), limited);

@@ -10,22 +10,30 @@ namespace {
 
 using namespace ow::policy;
 
-// What the fake checks answer, by rule; reset for every test. The HELO lookup answers like
-// the engine's when DNS fails: no match, cache left at 0.
-enum { kWhitelist, kHelo, kHeloDomain, kFromSelf, kResolveHelo, kFakes };
-bool g_match[kFakes];
-int g_calls = 0;
+// What the fake checks answer, by rule. The HELO lookup answers like the engine's when DNS
+// fails: no match, cache left at 0.
+enum { kWhitelist = 1, kHelo = 2, kHeloDomain = 4, kFromSelf = 8, kResolveHelo = 16 };
+int g_matching = 0;
 template <int I>
 bool fake(spam_session*) {
-    return ++g_calls, g_match[I];
+    return (g_matching & I) != 0;
+}
+
+// A verdict as "action rule: answer" and its steps as "name: result (why)", a line each.
+std::string described(const verdict& v) {
+    std::string out = std::string(action_name(v.taken)) + (v.rule.empty() ? "" : " " + v.rule) +
+                      (v.dns_deferred ? " after a DNS failure" : "") + ": " + v.answer + "\n";
+    for (const auto& s : v.steps) {
+        out += s.name + ": " + step_result_name(s.what) +
+               (s.why.empty() ? "" : " (" + s.why + ")") + "\n";
+    }
+    return out;
 }
 
 class PolicyTest : public ow_test::ScratchTest {
    protected:
     void SetUp() override {
         ScratchTest::SetUp();
-        std::fill(std::begin(g_match), std::end(g_match), false);
-        g_calls = 0;
         // Flags: user_configurable, enabled_by_default, applies_to_authenticated, applies_to_ipv6.
         add("inbound", nullptr, true, true, false, false, "Server %IP% has sent too much mail.");
         add("ip_whitelist", fake<kWhitelist>, true, true, true, true, "whitelisted");
@@ -73,12 +81,10 @@ TEST_F(PolicyTest, SettingsFileAcceptsKnownKeysAndRefusesTheRestWithItsLine) {
         "block_lists_zones = bl.example.test, zen.example.test\ninbound_limit = 5\n"
         "inbound_window=60\ndns_failure = defer\nlisten = unix:/tmp/x.sock inet:h:10031\r\n");
     EXPECT_EQ(cfg.workers, 3u);
-    EXPECT_EQ(cfg.actions.at("require_helo"), action::warn);
     EXPECT_EQ(cfg.actions.at("ip_whitelist"), action::off);
     EXPECT_EQ(cfg.block_list_zones,
               (std::vector<std::string>{"bl.example.test", "zen.example.test"}));
     EXPECT_EQ(cfg.inbound.limit + cfg.inbound.window, 5u + 60u);
-    EXPECT_TRUE(cfg.defer_on_dns_failure);
     EXPECT_EQ(cfg.listen.size(), 2u);
 
     const struct {
@@ -109,14 +115,6 @@ TEST_F(PolicyTest, SettingsFileAcceptsKnownKeysAndRefusesTheRestWithItsLine) {
         EXPECT_EQ(error, r.error);
         EXPECT_EQ(cfg2.workers, 99u) << "a refused file must leave the settings alone";
     }
-
-    // Without settings the rule flags decide, and a limit delays.
-    std::vector<std::string> defaults;
-    for (const ow_list* e = rules_; e != nullptr; e = e->next) {
-        defaults.push_back(action_name(action_for(config{}, *static_cast<spam_rule*>(e->data))));
-    }
-    EXPECT_EQ(defaults, (std::vector<std::string>{"defer", "on", "reject", "reject", "off",
-                                                  "reject", "off"}));
 }
 
 TEST_F(PolicyTest, RequestFramingAndParsing) {
@@ -165,82 +163,74 @@ TEST_F(PolicyTest, RequestFramingAndParsing) {
     EXPECT_EQ(frame_answer("DUNNO"), "action=DUNNO\n\n");
 }
 
-TEST_F(PolicyTest, FirstDecidingRuleWinsAndItsAnswer) {
-    const std::string base =
-        "client_address=10.0.0.7\nhelo_name=mx.example.test\n"
-        "sender=a@example.test\nrecipient=b@example.test\n";
-    verdict v = run(config{}, base);
-    EXPECT_EQ(v.answer, "DUNNO");
-    EXPECT_EQ(v.taken, action::off);
-
-    // A blocking match rejects with the expanded notice; later rules are not reached.
-    g_match[kHelo] = g_match[kFromSelf] = true;
-    v = run(config{}, base);
-    EXPECT_EQ(v.rule, "require_helo");
-    EXPECT_EQ(v.answer.rfind("550 5.7.1 Missing HELO.. Protection provided by ", 0), 0u)
-        << v.answer;
-    EXPECT_EQ(v.steps.back().what, rule_step::result::not_reached);
-
-    // Deferring instead; warn only lets a later rule decide.
-    v = run(settings("require_helo = defer\n"), base);
-    EXPECT_EQ(v.answer.rfind("450 4.7.1 Missing HELO.", 0), 0u) << v.answer;
-    v = run(settings("require_helo = warn\n"), base);
-    EXPECT_EQ(v.rule, "block_mail_from_self");
-    EXPECT_NE(v.answer.find("Recipient b@example.test does not allow"), std::string::npos);
-    v = run(settings("require_helo = warn\nblock_mail_from_self = off\n"), base);
-    EXPECT_EQ(v.taken, action::warn);
-    EXPECT_EQ(v.answer.rfind("WARN require_helo: Missing HELO.", 0), 0u) << v.answer;
+TEST_F(PolicyTest, FirstDecidingRuleWinsOthersAreSkippedOrCannotAnswer) {
+    const std::string rest =
+        "helo_name=mx.example.test\nsender=a@example.test\nrecipient=b@example.test\n";
+    const std::string mail = "client_address=10.0.0.7\n" + rest;
+    const struct {
+        const char* settings;
+        int matching;
+        std::string attrs;
+        bool over;                   // counted, and over the inbound limit
+        const char *verdict, *step;  // the start of described(), one of its step lines
+    } rows[] = {
+        // Without settings the rule flags decide.
+        {"", 0, mail, false, "off: DUNNO\n",
+         "block_lists: skipped (no block-list zones configured)\nrequire_helo: not matched\n"
+         "valid_helo_domain: skipped (off)"},
+        // A blocking match rejects with the expanded notice; later rules are not reached.
+        {"", kHelo | kFromSelf, mail, false,
+         "reject require_helo: 550 5.7.1 Missing HELO.. Protection provided by ",
+         "block_mail_from_self: not reached"},
+        {"require_helo = defer\n", kHelo, mail, false,
+         "defer require_helo: 450 4.7.1 Missing HELO.", "require_helo: matched"},
+        // Warn only lets a later rule decide, or answers WARN when none does.
+        {"require_helo = warn\n", kHelo | kFromSelf, mail, false,
+         "reject block_mail_from_self: 550 5.7.1 Recipient b@example.test does not allow",
+         "require_helo: matched (warn only)"},
+        {"require_helo = warn\nblock_mail_from_self = off\n", kHelo | kFromSelf, mail, false,
+         "warn require_helo: WARN require_helo: Missing HELO.",
+         "block_mail_from_self: skipped (off)"},
+        // A whitelist match ends the walk without rejecting.
+        {"", kWhitelist | kHelo, mail, false, "on ip_whitelist: DUNNO\n",
+         "require_helo: not reached"},
+        // block_mail_from_self judges unauthenticated IPv4 sessions only.
+        {"", kFromSelf, mail + "sasl_username=alice\n", false, "off: DUNNO\n",
+         "block_mail_from_self: skipped (not judged for authenticated sessions)"},
+        {"", kFromSelf, "client_address=2001:db8::7\n" + rest, false, "off: DUNNO\n",
+         "block_mail_from_self: skipped (not judged for IPv6 clients)"},
+        // The HELO lookup failed: never a rejection, a deferral only when asked for.
+        {"resolve_helo_domain = reject\n", 0, mail, false, "off: DUNNO\n",
+         "resolve_helo_domain: undecided (DNS did not answer)"},
+        {"resolve_helo_domain = reject\ndns_failure = defer\n", 0, mail, false,
+         "defer resolve_helo_domain after a DNS failure: 450 4.4.3 Temporary DNS failure while "
+         "checking resolve_helo_domain; try again later\n",
+         "resolve_helo_domain: undecided (DNS did not answer)"},
+        // The rate limit only where someone counts, and it delays.
+        {"inbound_limit = 1\n", 0, mail, false, "off: DUNNO\n",
+         "inbound: skipped (rates are counted by the running service only)"},
+        {"inbound_limit = 1\n", 0, mail, true,
+         "defer inbound: 450 4.7.1 Server 10.0.0.7 has sent too much mail.", "inbound: matched"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::string(r.settings) + r.attrs);
+        g_matching = r.matching;
+        const std::string d =
+            described(run(settings(r.settings), r.attrs, {r.over, r.over, false}));
+        EXPECT_TRUE(d.starts_with(r.verdict)) << d;
+        EXPECT_NE(d.find("\n" + std::string(r.step) + "\n"), std::string::npos) << d;
+    }
 
     // A client's long UTF-8 HELO: the reply line stays short and whole characters.
-    g_match[kHelo] = false;
-    g_match[kHeloDomain] = true;
+    g_matching = kHeloDomain;
     std::string helo;
     for (int i = 0; i < 300; ++i) helo += "\xc3\xa9";  // é
-    v = run(settings("valid_helo_domain = reject\n"), "client_address=10.0.0.7\nhelo_name=" + helo);
+    const verdict v =
+        run(settings("valid_helo_domain = reject\n"), "client_address=10.0.0.7\nhelo_name=" + helo);
     EXPECT_EQ(v.rule, "valid_helo_domain");
     EXPECT_LE(v.notice.size(), 420u);
-    EXPECT_EQ(v.notice.rfind("HELO argument [\xc3\xa9", 0), 0u);
+    EXPECT_TRUE(v.notice.starts_with("HELO argument [\xc3\xa9"));
     EXPECT_EQ(static_cast<unsigned char>(v.notice.back()), 0xa9u) << "cut inside an é";
-
-    // A whitelist match ends the walk without rejecting.
-    g_match[kHelo] = g_match[kWhitelist] = true;
-    g_calls = 0;
-    v = run(config{}, base);
-    EXPECT_EQ(v.answer + " " + v.rule, "DUNNO ip_whitelist");
-    EXPECT_EQ(v.taken, action::on);
-    EXPECT_EQ(g_calls, 1);
-}
-
-TEST_F(PolicyTest, RulesSkippedByFlagsAndDnsThatCannotAnswer) {
-    g_match[kFromSelf] = true;  // judged only for unauthenticated IPv4 sessions
-    const std::string mail =
-        "helo_name=mx.example.test\nsender=a@example.test\nrecipient=a@example.test\n";
-    EXPECT_EQ(run(config{}, "client_address=10.0.0.7\n" + mail).rule, "block_mail_from_self");
-    verdict v = run(config{}, "client_address=10.0.0.7\nsasl_username=alice\n" + mail);
-    EXPECT_EQ(v.answer + ": " + v.steps[5].why, "DUNNO: not judged for authenticated sessions");
-    v = run(config{}, "client_address=2001:db8::7\n" + mail);
-    EXPECT_EQ(v.answer + ": " + v.steps[5].why, "DUNNO: not judged for IPv6 clients");
-
-    // The HELO lookup failed: never a rejection, a deferral only when asked for.
-    g_match[kFromSelf] = false;
-    const std::string helo = "client_address=10.0.0.7\nhelo_name=mx.example.test\n";
-    v = run(settings("resolve_helo_domain = reject\n"), helo);
-    EXPECT_EQ(v.answer, "DUNNO");
-    EXPECT_EQ(v.steps[6].what, rule_step::result::undecided);
-    v = run(settings("resolve_helo_domain = reject\ndns_failure = defer\n"), helo);
-    EXPECT_EQ(
-        v.answer,
-        "450 4.4.3 Temporary DNS failure while checking resolve_helo_domain; try again later");
-    EXPECT_TRUE(v.dns_deferred);
-
-    // Host rules: the rate limit only where someone counts; no zones, no block-list lookup.
-    const config limited = settings("inbound_limit = 1\n");
-    v = run(limited, helo);
-    EXPECT_EQ(v.steps[0].why, "rates are counted by the running service only");
-    EXPECT_EQ(v.steps[2].why, "no block-list zones configured");
-    v = run(limited, helo, rate_verdicts{true, true, false});
-    EXPECT_EQ(v.rule, "inbound");
-    EXPECT_EQ(v.answer.rfind("450 4.7.1 Server 10.0.0.7 has sent too much mail.", 0), 0u);
 }
 
 TEST_F(PolicyTest, SessionTakesTheRequestAttributes) {
@@ -272,22 +262,11 @@ TEST_F(PolicyTest, SessionTakesTheRequestAttributes) {
 TEST_F(PolicyTest, ListDirectoryPerRecipientNeverLeavesTheRoot) {
     ::mkdir(path("alice@example.test").c_str(), 0755);
     ::mkdir(path("example.test").c_str(), 0755);
-    const struct {
-        const char* rcpt;
-        std::string expected;
-    } rows[] = {
-        {"Alice@Example.TEST", path("alice@example.test")},
-        {"bob@example.test", path("example.test")},
-        {"bob@other.test", dir_},
-        {"", dir_},
-        {"../../etc/passwd", dir_},
-        {"x/../../alice@example.test", dir_},
-        {"bob@..", dir_},
-        {".hidden@example.test", dir_},
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.rcpt);
-        EXPECT_EQ(choose_list_dir(dir_, r.rcpt), r.expected);
+    EXPECT_EQ(choose_list_dir(dir_, "Alice@Example.TEST"), path("alice@example.test"));
+    EXPECT_EQ(choose_list_dir(dir_, "bob@example.test"), path("example.test"));
+    for (const char* rcpt : {"bob@other.test", "", "../../etc/passwd", "x/../../alice@example.test",
+                             "bob@..", ".hidden@example.test"}) {
+        EXPECT_EQ(choose_list_dir(dir_, rcpt), dir_) << rcpt;
     }
 }
 
