@@ -21,17 +21,6 @@ namespace {
 
 using ow_test::slurp;
 
-class PrivateLogDir : public ::testing::Environment {
-   public:
-    void SetUp() override {
-        if (::geteuid() != 0) return;
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(::mount("policyd-test", "/var/log", "tmpfs", 0, "mode=755"), 0);
-    }
-};
-[[maybe_unused]] auto* const g_env = ::testing::AddGlobalTestEnvironment(new PrivateLogDir);
-
 std::string request(const std::string& client, const std::string& instance) {
     return "request=smtpd_access_policy\nprotocol_state=RCPT\nclient_address=" + client +
            "\nclient_name=unknown\nreverse_client_name=unknown\nhelo_name=mx.example.test\n"
@@ -47,6 +36,12 @@ class Service : public ow_test::ScratchTest {
 #ifndef ARDVEX_POLICYD
         GTEST_SKIP() << "the tool's build fragment did not pass its path";
 #endif
+        static const bool private_log_dir =
+            ::geteuid() != 0 ||
+            (::unshare(CLONE_NEWNS) == 0 &&
+             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+             ::mount("policyd-test", "/var/log", "tmpfs", 0, "mode=755") == 0);
+        ASSERT_TRUE(private_log_dir) << std::strerror(errno);
         ScratchTest::SetUp();
         ::chmod(dir_.c_str(), 0755);  // the service runs as nobody
     }
@@ -179,8 +174,7 @@ TEST_F(Service, ReloadsKeepConnectionsAndReachAReplacedStuckWorker) {
     const std::string one = "workers = 1\nrequest_timeout = 1\n";
     start(one);
     const int fd = connect_client();
-    ASSERT_TRUE(send_all(fd, request("10.0.0.4", "m1") + request("10.0.0.4", "m2")));
-    EXPECT_EQ(answer(fd) + answer(fd), kDunno + kDunno);
+    EXPECT_EQ(ask(fd, request("10.0.0.4", "m1")), kDunno);
 
     reload("inbound_limit = 1\n" + one);
     EXPECT_EQ(ask(fd, request("10.0.0.4", "m3")), kDunno);
