@@ -1,9 +1,7 @@
-// The real ardvex-policyd on a socket of its own, fed what Postfix never sends: oversized,
-// malformed and binary requests, stalled and vanishing clients, a thousand connections at
-// once, reloads with good and broken settings, and a worker that stops answering. Clients use
-// unroutable addresses so that no rule asks DNS; the rate limit gives answers other than
-// DUNNO. As root the test runs in a mount namespace of its own with an empty /var/log, so the
-// message log lands nowhere real, and the service runs as nobody.
+// The real ardvex-policyd fed what Postfix never sends, reloaded, and with a stuck worker.
+// Clients use unroutable addresses so that no rule asks DNS; the rate limit gives answers
+// other than DUNNO. As root the message log goes to a private /var/log, and the service runs
+// as nobody.
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -146,8 +144,8 @@ TEST_F(Service, OddStalledVanishingAndManyClientsCostNothingOthersSee) {
     ASSERT_TRUE(send_all(fd, std::string(kFlood, '\n')));
     EXPECT_EQ(answer(fd, 10000, kFlood * kDunno.size()).size(), kFlood * kDunno.size());
     const std::string l = log();
-    EXPECT_NE(l.find("malformed request (attribute line without '=')"), std::string::npos) << l;
-    EXPECT_NE(l.find("malformed request (control byte in the value of sender)"), std::string::npos);
+    EXPECT_NE(l.find("malformed request (control byte in the value of sender)"), std::string::npos)
+        << l;
     EXPECT_NE(l.find("request larger than 4096 bytes"), std::string::npos);
 
     // The half request is dropped after read_timeout, the silent one after idle_timeout.

@@ -249,14 +249,6 @@ TEST_F(PolicyTest, SessionTakesTheRequestAttributes) {
     EXPECT_EQ(s.ptr_names[2], nullptr);
     EXPECT_EQ(s.ptr_state, SPAM_PTR_FOUND);
     EXPECT_TRUE(s.is_ipv6 && s.routable && s.authenticated && s.tls);
-
-    // "unknown" names leave the PTR lookup to the rules.
-    session_holder u(
-        parsed("client_address=10.1.1.1\nreverse_client_name=unknown\nclient_name=unknown\n"),
-        config{});
-    EXPECT_EQ(u.get()->ptr_names, nullptr);
-    EXPECT_EQ(u.get()->ptr_state, SPAM_VERDICT_UNCHECKED);
-    EXPECT_FALSE(u.get()->routable || u.get()->authenticated);
 }
 
 TEST_F(PolicyTest, ListDirectoryPerRecipientNeverLeavesTheRoot) {
