@@ -127,7 +127,6 @@ TEST_F(Service, OddStalledVanishingAndManyClientsCostNothingOthersSee) {
         const char* what;
         std::string bytes;
     } rows[] = {
-        {"ordinary", request("10.0.0.1", "m1")},
         {"line without =", "request=smtpd_access_policy\nno equals sign\n\n"},
         {"binary bytes", std::string(kBinary, sizeof kBinary - 1)},
         {"1 MiB", "request=smtpd_access_policy\nx=" + std::string(1 << 20, 'a') + "\n\n"},

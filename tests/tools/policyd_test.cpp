@@ -249,6 +249,10 @@ TEST_F(PolicyTest, SessionTakesTheRequestAttributes) {
     EXPECT_EQ(s.ptr_names[2], nullptr);
     EXPECT_EQ(s.ptr_state, SPAM_PTR_FOUND);
     EXPECT_TRUE(s.is_ipv6 && s.routable && s.authenticated && s.tls);
+    // No address at all is no routable one either, and nothing looks further at it.
+    session_holder none(parsed("client_address=not-an-address\n"), config{});
+    EXPECT_FALSE(none.get()->routable);
+    EXPECT_NO_ERRORS();
 }
 
 TEST_F(PolicyTest, ListDirectoryPerRecipientNeverLeavesTheRoot) {
