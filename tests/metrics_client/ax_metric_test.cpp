@@ -79,10 +79,9 @@ TEST_F(MetricTest, BodyEncoding) {
 
 TEST_F(MetricTest, LoadFailures) {
     // A collector that fails, or a key stored twice: no set, and the rows after it never ran.
-    EXPECT_EQ(load({{"a", "A", "1"}, {"ardvex_version", "AXVER", nullptr}, {"c", "C", "3"}}),
-              nullptr);
+    EXPECT_EQ(load({{"a", "A", "1"}, {"version", "VER", nullptr}, {"c", "C", "3"}}), nullptr);
     EXPECT_EQ(g_next, 2u);
-    ow_test::refused("ax_metric_load", "failed to load ardvex_version metric", {true});
+    ow_test::refused("ax_metric_load", "failed to load version metric", {true});
     EXPECT_EQ(load({{"a", "A", "1"}, {"again", "A", "2"}, {"c", "C", "3"}}), nullptr);
     EXPECT_EQ(g_next, 2u);
     ow_test::refused("ax_metric_load", "failed to store metric", {true});

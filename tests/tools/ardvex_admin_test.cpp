@@ -26,11 +26,8 @@ TEST_F(AdminTool, JudgeShowsEveryRuleAndAnswersByExitStatus) {
     const auto shows = [&](std::initializer_list<const char*> wants) {
         for (const char* w : wants) EXPECT_NE(out_.find(w), std::string::npos) << w << out_;
     };
-    ASSERT_EQ(judge("ok.conf",
-                    " --helo mx.example.test --sender a@example.test "
-                    "--recipient b@example.test"),
-              0)
-        << err_;
+    const std::string mail = " --helo mx.example.test --sender a@x.test --recipient b@x.test";
+    ASSERT_EQ(judge("ok.conf", mail), 0) << err_;
     shows({"rates are counted by the running service only", "no block-list zones configured",
            "answer: action=DUNNO\n"});
     // One line per rule of the engine, a header and the answer.
