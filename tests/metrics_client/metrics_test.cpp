@@ -2,44 +2,20 @@
 // enabled switch, the panel tool's output and the identity files are read, case by case.
 #include "metrics.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
-#include "log_capture.hpp"
+#include "scratch.hpp"
 
 namespace {
 
-class MetricsTest : public ow_test::LogCaptureTest {
-   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        std::string templ = std::filesystem::temp_directory_path() / "metrics_test.XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        dir_ = templ + "/";
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-        LogCaptureTest::TearDown();
-    }
-    void put(const char* name, const std::string& contents) {
-        ASSERT_TRUE(std::ofstream(dir_ + name, std::ios::binary) << contents);
-    }
-    // The value of a collector as a string, "(none)" for NULL.
-    static std::string take(char* value) {
-        std::string out = value != nullptr ? value : "(none)";
-        std::free(value);
-        return out;
-    }
-    std::string dir_;
-};
+using ow_test::spit;
+
+using MetricsTest = ow_test::ScratchTest;
+
+// The value of a collector as a string, "(none)" for NULL.
+std::string take(char* value) {
+    std::string out = value != nullptr ? value : "(none)";
+    std::free(value);
+    return out;
+}
 
 TEST_F(MetricsTest, EnabledSwitchReadsAsStrtolCutTo32Bits) {
     EXPECT_FALSE(ardvex_enabled_ex(dir_.c_str()));  // missing
@@ -51,16 +27,15 @@ TEST_F(MetricsTest, EnabledSwitchReadsAsStrtolCutTo32Bits) {
                  {"11", false}, {"4294967296", false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string("contents [") + c.contents + "]");
-        put("enabled", c.contents);
+        spit(path("enabled"), c.contents);
         EXPECT_EQ(ardvex_enabled_ex(dir_.c_str()), c.on);
     }
-    // The directory without its trailing slash reaches the same file.
-    put("enabled", "1");
-    EXPECT_TRUE(ardvex_enabled_ex(dir_.substr(0, dir_.size() - 1).c_str()));
+    // The directory with a trailing slash reaches the same file.
+    spit(path("enabled"), "1");
+    EXPECT_TRUE(ardvex_enabled_ex((dir_ + "/").c_str()));
     // Files that are directories read as missing.
-    std::filesystem::remove(dir_ + "enabled");
-    ASSERT_EQ(::mkdir((dir_ + "enabled").c_str(), 0755), 0);
-    ASSERT_EQ(::mkdir((dir_ + "license_key").c_str(), 0755), 0);
+    ow_test::fs::remove(path("enabled"));
+    for (const char* name : {"enabled", "license_key"}) ow_test::fs::create_directory(path(name));
     EXPECT_FALSE(ardvex_enabled_ex(dir_.c_str()));
     EXPECT_EQ(take(metric_license_key_ex(dir_.c_str())), "(none)");
     EXPECT_NO_ERRORS();
@@ -80,15 +55,14 @@ TEST_F(MetricsTest, PanelVersionIsTheFirstDottedRunOfTheFirstLine) {
                  {"\n", "\n"},
                  {"no version here\n8.8.15\n", "no version here\n"},  // only the first line counts
                  {"", "(none)"}};
-    const std::string output = dir_ + "output";
+    const std::string output = path("output");
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string("output [") + c.output + "]");
-        put("output", c.output);
+        spit(output, c.output);
         EXPECT_EQ(take(metric_web_panel_version_ex("/bin/cat", output.c_str())), c.value);
     }
     // A wrapper that cannot be started prints nothing either.
-    EXPECT_EQ(take(metric_web_panel_version_ex((dir_ + "missing").c_str(), output.c_str())),
-              "(none)");
+    EXPECT_EQ(take(metric_web_panel_version_ex(path("missing").c_str(), output.c_str())), "(none)");
     EXPECT_EQ(ow_test::error_count(), 3u) << ow_test::dump();
     EXPECT_ERROR_LINE("__read_line_from_pipe",
                       std::string("failed to read from pipe: ") + std::strerror(ENODATA));
@@ -122,18 +96,17 @@ TEST_F(MetricsTest, IdentityFiles) {
         {"product_id", " \n", product, "(none)"}};
     for (const auto& s : steps) {
         SCOPED_TRACE(std::string(s.file ? s.file : "-") + " [" + s.contents + "]");
-        if (s.file != nullptr) put(s.file, s.contents);
+        if (s.file != nullptr) spit(path(s.file), s.contents);
         EXPECT_EQ(take(s.metric(dir_.c_str())), s.value);
     }
     EXPECT_NO_ERRORS();
     const std::string malformed =
-        "product id in [" + dir_ + "product_id] is not a decimal 32-bit integer";
+        "product id in [" + path("product_id") + "] is not a decimal 32-bit integer";
     for (const char* bad : {"2147483648", "7x", "+7", "7 7"}) {
         SCOPED_TRACE(std::string("product_id [") + bad + "]");
-        clear_log();
-        put("product_id", bad);
-        EXPECT_EQ(take(product(dir_.c_str())), "(none)");
-        EXPECT_ERROR_LINE("identity_key_and_product", malformed);
+        spit(path("product_id"), bad);
+        ow_test::refused("identity_key_and_product", malformed,
+                         {take(product(dir_.c_str())) == "(none)"});
     }
 }
 
