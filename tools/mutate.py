@@ -29,7 +29,7 @@ LABELS = {"corelib": ["corelib", "c_api"], "common": ["common"], "engine": ["eng
           "metrics_client": ["metrics_client", "integration"],
           "known_sender_forgery": ["known_sender_forgery", "engine"], "tools": ["tools", "policyd"]}
 # Programs the labels' tests run, built beside the test programs.
-PROGRAMS = {"integration": ["ardvex-metrics-client", "ardvex-secure", "ardvex-panel-version"],
+PROGRAMS = {"integration": ["ardvex-metrics-client"],
             "tools": ["ardvex-admin", "ardvex-policyd", "ardvex-map", "ardvex-regex-compile"],
             "policyd": ["ardvex-admin", "ardvex-policyd"]}
 EXCLUDE = "hashmap|tiny_rex|regex"
