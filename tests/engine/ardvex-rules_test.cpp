@@ -118,9 +118,7 @@ TEST_F(IdentityRuleTest, Ipv6ClientsMustAuthenticateUnlessExempt) {
     const bool cases[][4] = {{1, 0, 0, 1}, {1, 1, 0, 0}, {1, 0, 1, 0}, {0, 0, 0, 0}};
     for (const auto& c : cases) {
         set(nullptr, nullptr, nullptr, "2001:db8::9");
-        s_.is_ipv6 = c[0];
-        s_.authenticated = c[1];
-        s_.auth_exempt = c[2];
+        s_.is_ipv6 = c[0], s_.authenticated = c[1], s_.auth_exempt = c[2];
         EXPECT_EQ(rule_block_nonauth_ipv6(&s_), c[3]) << c[0] << c[1] << c[2];
     }
     EXPECT_TRUE(rule_block_all_mail(&s_));
