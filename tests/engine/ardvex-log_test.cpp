@@ -9,8 +9,8 @@
 
 #include <ctime>
 #include <deque>
-#include <map>
 #include <regex>
+#include <sstream>
 
 #include "../../engine/ardvex-log-internal.hpp"
 #include "ardvex_config.h"
@@ -60,12 +60,6 @@ std::string make_image(std::size_t size, uint8_t version, uint32_t word,
     for (const auto& [n, r] : records) std::memcpy(bytes.data() + 5 + 32 * n, &r, 32);
     return bytes;
 }
-// An hourly file whose 24 records all hold `old`.
-std::string full_hours(uint32_t last, const record& old) {
-    std::vector<std::pair<int, record>> all;
-    for (int h = 0; h < 24; ++h) all.push_back({h, old});
-    return make_image(773, 2, last, all);
-}
 
 class CounterTest : public ow_test::ScratchTest {
    protected:
@@ -88,22 +82,7 @@ class CounterTest : public ow_test::ScratchTest {
     }
 };
 
-// ---------------------------------------------------------------------------------------
 // Counter files
-
-// An unknown type counts only the kind of session, in the exact file images a first message
-// writes (the known types' fields are those of the message log's tests).
-TEST_F(CounterTest, UnknownTypeCountsOnlyTheSessionKind) {
-    const std::time_t hour = at(2026, 3, 5, 14);
-    count(hour + 1210, 7, true);
-    EXPECT_EQ(slurp(daily(dir_, 3)),
-              make_image(997, 2, 0, {{4, {u32(at(2026, 3, 5, 0)), 0, 0, 0, 0, 0, 0, 1}}}));
-    EXPECT_EQ(slurp(hourly(dir_)),
-              make_image(773, 2, u32(hour), {{14, {u32(hour), 0, 0, 0, 0, 0, 0, 1}}}));
-    EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
-    EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
-    EXPECT_EQ(ow_test::error_count(), 2u) << ow_test::dump();
-}
 
 TEST_F(CounterTest, DaysMonthsAndYearsRollOver) {
     count(at(2026, 3, 5, 10));
@@ -123,7 +102,6 @@ TEST_F(CounterTest, DaysMonthsAndYearsRollOver) {
     count(at(2026, 3, 3, 12));
     refused("ardvex_increment_counter_hourly", "A negative time difference is not allowed", {true});
     EXPECT_EQ(record_at(daily(dir_, 3), 2).ham, 1u);
-    EXPECT_EQ(record_at(daily(dir_, 3), 4).ham, 2u);
 
     // March a year later: last year's records are stale and the file starts afresh.
     count(at(2027, 3, 5, 9));
@@ -151,10 +129,11 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(hourly(dir_), 2).spam, 2u) << "both passes of the repeated hour";
     EXPECT_EQ(record_at(hourly(dir_), 2).period_start, u32(at(2026, 10, 25, 2, 0, 0)));
     EXPECT_EQ(record_at(hourly(dir_), 3).ham, 1u);
-    EXPECT_EQ(record_at(daily(dir_, 10), 24).period_start, u32(at(2026, 10, 25, 0)));
 
     const record old{u32(at(2026, 3, 28, 2)), 9, 0, 0, 0, 0, 9, 0};
-    spit(hourly(dir_), full_hours(u32(at(2026, 3, 29, 1)), old));
+    std::vector<std::pair<int, record>> all_old;
+    for (int h = 0; h < 24; ++h) all_old.push_back({h, old});
+    spit(hourly(dir_), make_image(773, 2, u32(at(2026, 3, 29, 1)), all_old));
     count(at(2026, 3, 29, 3, 30));  // one hour after 01:00 CET
     EXPECT_TRUE(same(record_at(hourly(dir_), 2), {})) << "02:00 did not happen today";
     EXPECT_EQ(record_at(hourly(dir_), 3).ham, 1u);
@@ -163,19 +142,18 @@ TEST_F(CounterTest, DaylightSavingChangesKeepEveryCountInItsLocalHour) {
     EXPECT_EQ(record_at(daily(dir_, 3), 28).period_start, at(2026, 3, 29, 0));
 
     // From 03:00 to 03:00 over the short day: 23 hours, and every record a day old.
-    spit(hourly(dir_), full_hours(u32(at(2026, 3, 28, 3)), old));
+    spit(hourly(dir_), make_image(773, 2, u32(at(2026, 3, 28, 3)), all_old));
     count(at(2026, 3, 29, 3, 20));
     for (int h = 0; h < 24; ++h) EXPECT_EQ(record_at(hourly(dir_), h).ham, h == 3 ? 1u : 0u) << h;
     EXPECT_NO_ERRORS();
 }
 
+// An unknown type counts only the kind of session; the known types' fields are checked through
+// the message log.
 TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
     const record junk{1, 2, 3, 4, 5, 6, 7, 8};
-    struct {
-        bool is_daily;
-        std::string bytes;
-        const char* line;  // ERROR of the validity test, or none
-    } cases[] = {
+    // Which file, its bytes, and the ERROR line of the validity test if it writes one.
+    const std::tuple<bool, std::string, const char*> cases[] = {
         {true, make_image(996, 2, 0, {{3, junk}}), nullptr},
         {true, make_image(997, 1, 0, {{3, junk}}), "Stats counter file is wrong version: 1"},
         {true, make_image(997, 2, 1, {{3, junk}}), nullptr},  // reserved word set
@@ -184,20 +162,23 @@ TEST_F(CounterTest, DamagedFilesAreRewrittenFreshBeforeCounting) {
          "Hourly stats counter file has wrong version: 3"},
     };
     const std::time_t now = at(2026, 6, 2, 11);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.bytes.size());
+    for (const auto& [is_daily, bytes, line] : cases) {
+        SCOPED_TRACE(bytes.size());
         for (const auto& file : {daily(dir_, 6), hourly(dir_)}) fs::remove(file);
-        spit(c.is_daily ? daily(dir_, 6) : hourly(dir_), c.bytes);
-        count(now, 2, true);
-        if (c.line != nullptr) {
-            refused(c.is_daily ? "__valid_counter_file" : "__valid_counter_file_hourly", c.line,
-                    {true});
+        spit(is_daily ? daily(dir_, 6) : hourly(dir_), bytes);
+        count(now, 7, true);
+        if (line != nullptr) {
+            EXPECT_ERROR_LINE(is_daily ? "__valid_counter_file" : "__valid_counter_file_hourly",
+                              line);
         }
-        EXPECT_NO_ERRORS();
+        EXPECT_ERROR_LINE("ardvex_increment_counter", "Unknown log type: 7");
+        EXPECT_ERROR_LINE("ardvex_increment_counter_hourly", "Unknown log type: 7");
+        EXPECT_EQ(ow_test::error_count(), line != nullptr ? 3u : 2u) << ow_test::dump();
+        clear_log();
         EXPECT_EQ(slurp(daily(dir_, 6)),
-                  make_image(997, 2, 0, {{1, {u32(at(2026, 6, 2, 0)), 0, 0, 1, 0, 0, 0, 1}}}));
+                  make_image(997, 2, 0, {{1, {u32(at(2026, 6, 2, 0)), 0, 0, 0, 0, 0, 0, 1}}}));
         EXPECT_EQ(slurp(hourly(dir_)),
-                  make_image(773, 2, u32(now), {{11, {u32(now), 0, 0, 1, 0, 0, 0, 1}}}));
+                  make_image(773, 2, u32(now), {{11, {u32(now), 0, 0, 0, 0, 0, 0, 1}}}));
     }
 }
 
@@ -219,8 +200,7 @@ TEST_F(CounterTest, UnusablePlacesAreReportedAndLeftAsTheyWere) {
 
     // A directory and a damaged file this user may not write: both stay as they are.
     spit(hourly(dir_), "damaged", 0400);
-    fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
-                              fs::perms::others_exec);
+    fs::permissions(dir_, fs::perms(0505));
     const bool root = geteuid() == 0;  // root writes anywhere: drop to another user
     ASSERT_TRUE(!root || seteuid(65534) == 0);
     count(at(2026, 9, 1, 7));
@@ -257,10 +237,7 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
     ASSERT_EQ(pipe(pipe_fds), 0);
     const int p = pipe_fds[1];  // seeks fail (ESPIPE)
     const record r{};
-    auto none = [](record* x) {
-        std::free(x);
-        return x == nullptr;
-    };
+    using none = ow::unique_cptr<record>;
 
     refused("al_get_counter_file", einval, {!al_get_counter_file("d", "", 1)});
     refused("al_get_counter_file_hourly", einval, {!al_get_counter_file_hourly("d", "")});
@@ -268,17 +245,13 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
             {!al_clear_counter_hour(rw, 24, 1), !al_clear_counter_hour(rw, 0, -1)});
     EXPECT_TRUE(al_clear_counter_hour(rw, 0, 1) && al_clear_counter_hour(rw, 23, 1));
     ow::testing::fail_allocation(1);
-    refused("al_read_counter_hour", std::strerror(ENOMEM), {none(al_read_counter_hour(rw, 0))});
+    refused("al_read_counter_hour", std::strerror(ENOMEM), {!none(al_read_counter_hour(rw, 0))});
 
-    struct {
-        const char* func;
-        const char* message;
-        bool failed;
-    } steps[] = {
+    const std::tuple<const char*, const char*, bool> steps[] = {
         {"al_seek_to_counter_day", "Failed to seek to counter record for day: 3",
-         none(al_read_counter_day(p, 3))},
+         !none(al_read_counter_day(p, 3))},
         {"al_seek_to_counter_hour", "Failed to rewind in hourly stats file",
-         none(al_read_counter_hour(p, 5))},
+         !none(al_read_counter_hour(p, 5))},
         {"al_initialise_stat_file", "Failed to seek in stat file prior to write",
          !al_initialise_stat_file(p)},
         {"al_initialise_stat_file_hourly", "Failed to seek in hourly stat file prior to write",
@@ -294,20 +267,19 @@ TEST_F(CounterTest, RecordStepsRefuseWhatTheyCannotDo) {
         {"al_initialise_stat_file", "Failed to write to stat file", !al_initialise_stat_file(ro)},
         {"al_initialise_stat_file_hourly", "Failed to write to hourly stat file",
          !al_initialise_stat_file_hourly(ro)},
-        {"al_read_counter_day", "Failed to read record", none(al_read_counter_day(wo, 0))},
+        {"al_read_counter_day", "Failed to read record", !none(al_read_counter_day(wo, 0))},
         {"al_read_last_update", "Failed to read last update header from hourly stats file",
          al_read_last_update(wo) == 0},
     };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.message);
-        EXPECT_TRUE(s.failed);
-        EXPECT_ERROR_LINE(s.func, s.message);
+    for (const auto& [func, message, failed] : steps) {
+        SCOPED_TRACE(message);
+        EXPECT_TRUE(failed);
+        EXPECT_ERROR_LINE(func, message);
     }
     for (int fd : {rw, ro, wo, pipe_fds[0], pipe_fds[1]}) close(fd);
     EXPECT_EQ(slurp(file), make_image(997, 2, 0, {})) << "no failed step changed the file";
 }
 
-// ---------------------------------------------------------------------------------------
 // Message and authentication logs
 
 // Puts a tmpfs over the suite's log directory (over its deepest existing parent when this
@@ -330,23 +302,9 @@ bool private_log_directory() {
 const std::string kLogDir = ARDVEX_LOG_DIR;
 const std::string kAxlog = kLogDir + "axlog";
 
-// The lines of a log; a last line without CR LF comes back marked as torn.
-std::vector<std::string> lines_of(const std::string& path) {
-    std::vector<std::string> out;
-    const std::string text = slurp(path);
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
-        out.push_back(text.substr(start, end - start));
-    }
-    if (start != text.size()) out.push_back("<torn>" + text.substr(start));
-    return out;
-}
-
 class MessageLogTest : public CounterTest {
-   public:
-    char* keep(const std::string& s) { return store_.emplace_back(s).data(); }
-
    protected:
+    char* keep(const std::string& s) { return store_.emplace_back(s).data(); }
     void SetUp() override {
         CounterTest::SetUp();
         if (!private_log_directory()) GTEST_SKIP() << "needs root for a private log directory";
@@ -380,52 +338,39 @@ class MessageLogTest : public CounterTest {
 };
 
 TEST_F(MessageLogTest, LinesAreLaidOutPerTypeAndCounted) {
-    struct {
-        uint8_t type;
-        const char* reason;
-        const char* shown;
-        uint32_t record::*counted;
-    } cases[] = {{0, "ignored", "HAM", &record::ham},
-                 {1, nullptr, "SPAM[NULL]", &record::spam},
-                 {2, "listed", "EXEMPT[listed]", &record::exempt},
-                 {3, "fast", "RATELIMIT[fast]", &record::ratelimit1},
-                 {4, "many", "RATELIMIT[many]", &record::ratelimit2},
-                 {5, "bounce", "NDR", &record::ham},
-                 {6, "held", "QUARANTINE[held]", &record::spam}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.shown);
-        for (const auto& e : fs::directory_iterator(kLogDir)) fs::remove(e.path());
-        log_message(&s_, c.reason, c.type);
-        EXPECT_EQ(slurp(kAxlog), head() + c.shown + kTail + "\r\n");
-        EXPECT_EQ(record_at(hourly(kLogDir), 9).*c.counted, 1u);
+    const std::pair<const char*, const char*> cases[] = {
+        {"ignored", "HAM"},          {nullptr, "SPAM[NULL]"},     {"listed", "EXEMPT[listed]"},
+        {"fast", "RATELIMIT[fast]"}, {"many", "RATELIMIT[many]"}, {"bounce", "NDR"},
+        {"held", "QUARANTINE[held]"}};
+    std::string expected;
+    for (uint8_t type = 0; type < std::size(cases); ++type) {
+        log_message(&s_, cases[type].first, type);
+        expected += head() + cases[type].second + kTail + "\r\n";
     }
-    for (const auto& e : fs::directory_iterator(kLogDir)) fs::remove(e.path());
     log_message(&s_, "x", 7);
     log_message(nullptr, "x", 1);
-    EXPECT_TRUE(fs::is_empty(kLogDir)) << "type 7 and no session: nothing written or counted";
+    EXPECT_EQ(slurp(kAxlog), expected);
+    // NDR counts as ham and quarantine as spam.
+    EXPECT_TRUE(same(record_at(hourly(kLogDir), 9), {u32(at(2026, 7, 4, 9)), 2, 2, 1, 1, 1, 7, 0}));
     EXPECT_NO_ERRORS();
 }
 
 TEST_F(MessageLogTest, MissingFieldsFallBackAsLaidOut) {
-    const struct {
-        spam_session s;
-        std::string expected;  // part of the line
-    } cases[] = {
-        {{.ip = s_.ip, .port = s_.port, .ptr_state = SPAM_PTR_TEMPFAIL},
+    // A session and part of its line.
+    const std::pair<spam_session, std::string> cases[] = {
+        {{.ip = s_.ip, .port = s_.port, .auth_user = keep("alice"), .ptr_state = SPAM_PTR_TEMPFAIL},
          "mua=[no:(null)],ip=[192.0.2.7:(timeout):(null)],port=<2525>"},
-        {{.auth_user = keep("alice")}, "mua=[no:(null)]"},
-        {{.auth_user = keep("alice"), .authenticated = true}, "mua=[yes:alice]"},
-        {{},
+        {{.auth_user = keep("alice"), .authenticated = true},
          head("(null)") +
-             "SPAM[r]: mua=[no:(null)],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
+             "SPAM[r]: mua=[yes:alice],ip=[(null):(null):(null)],port=<(unknown)>,tls=<no>,"
              "helo=<(null)>,from=<(null)>,rcpt=<(null)>\r\n"},
     };
     log_program_name = nullptr;
-    for (auto c : cases) {
-        SCOPED_TRACE(c.expected);
+    for (auto [session, expected] : cases) {
+        SCOPED_TRACE(expected);
         fs::remove(kAxlog);
-        log_message(&c.s, "r", 1);
-        EXPECT_NE(slurp(kAxlog).find(c.expected), std::string::npos) << slurp(kAxlog);
+        log_message(&session, "r", 1);
+        EXPECT_NE(slurp(kAxlog).find(expected), std::string::npos) << slurp(kAxlog);
     }
 }
 
@@ -434,46 +379,37 @@ TEST_F(MessageLogTest, ControlBytesAndOverLongFieldsCannotBreakOrLoseTheLine) {
     s_.helo = keep("evil\r\n2026-07-04 09:08:07 smtpd[1]: HAM: forged");
     s_.rcpt_to = keep("j\xc3\xb6rg@example.org");
     log_message(&s_, "a\tb\x7f", 1);
-    EXPECT_EQ(lines_of(kAxlog),
-              std::vector<std::string>{head("sm?tpd") +
-                                       "SPAM[a?b?]: mua=[no:(null)],ip=[192.0.2.7:mx.example.org:"
-                                       "DE],port=<2525>,tls=<yes>,helo=<evil??2026-07-04 "
-                                       "09:08:07 smtpd[1]: HAM: forged>,from=<a@example.org>,"
-                                       "rcpt=<j\xc3\xb6rg@example.org>"});
+    EXPECT_EQ(slurp(kAxlog),
+              head("sm?tpd") +
+                  "SPAM[a?b?]: mua=[no:(null)],ip=[192.0.2.7:mx.example.org:DE],"
+                  "port=<2525>,tls=<yes>,helo=<evil??2026-07-04 09:08:07 smtpd[1]: "
+                  "HAM: forged>,from=<a@example.org>,rcpt=<j\xc3\xb6rg@example.org>\r\n");
 
     fs::remove(kAxlog);
     s_.helo = keep(std::string(5000, 'h'));
     s_.mail_from = keep(std::string(3000, 'f'));
-    s_.rcpt_to = keep("b@example.net");
     log_message(&s_, std::string(2000, 'r').c_str(), 1);
-    const auto lines = lines_of(kAxlog);
-    ASSERT_EQ(lines.size(), 1u);
+    const std::string line = slurp(kAxlog);
     // As long as a log write may be, but for what one cap over three fields cannot share.
-    EXPECT_GE(lines[0].size() + 2, 1020u);
-    EXPECT_LE(lines[0].size() + 2, 1022u);
+    EXPECT_TRUE(line.size() >= 1020 && line.size() <= 1022) << line.size();
     static const std::regex shape(
         R"(.*: SPAM\[(r+)\.\.\.\]: mua=\[no:\(null\)\],ip=\[192\.0\.2\.7:mx\.example\.org:DE\],)"
-        R"(port=<2525>,tls=<yes>,helo=<(h+)\.\.\.>,from=<(f+)\.\.\.>,rcpt=<b@example\.net>)");
+        R"(port=<2525>,tls=<yes>,helo=<(h+)\.\.\.>,from=<(f+)\.\.\.>,rcpt=<j[^>]+>\r\n)");
     std::smatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m, shape)) << lines[0];
+    ASSERT_TRUE(std::regex_match(line, m, shape)) << line;
     EXPECT_TRUE(m.length(1) == m.length(2) && m.length(2) == m.length(3)) << "one cap for all";
 
     s_.auth_user = keep(std::string(4000, 'u'));
     log_auth_message(&s_, ARDVEX_AUTH_BLOCK, "x\ry");
-    const auto auth = lines_of(kLogDir + "axauthlog");
-    ASSERT_EQ(auth.size(), 1u);
-    EXPECT_EQ(auth[0].size() + 2, 1022u) << "one long field takes all the room left";
-    EXPECT_NE(auth[0].find("BLOCK[x?y]: "), std::string::npos);
+    const std::string auth = slurp(kLogDir + "axauthlog");
+    EXPECT_EQ(auth.size(), 1022u) << "one long field takes all the room left";
     EXPECT_NO_ERRORS();
 }
 
 TEST_F(MessageLogTest, UserLogsGetTheSameLineAndTheirOwnCounts) {
     const std::string first = dir_ + "/u1/", second = dir_ + "/u2";
-    fs::create_directory(first);
-    fs::create_directory(second);
-    add_user_dir(first);
-    add_user_dir("");
-    add_user_dir(second);
+    for (const std::string& d : {first, second}) fs::create_directory(d);
+    for (const std::string& d : {first, std::string(), second}) add_user_dir(d);
     log_message(&s_, "spam", 1);
     const std::string line = head() + "SPAM[spam]" + kTail + "\r\n";
     for (const std::string& d : {kLogDir, first, second + "/"}) {
@@ -488,8 +424,8 @@ TEST_F(MessageLogTest, UserLogsGetTheSameLineAndTheirOwnCounts) {
     add_user_dir(second);
     log_message(&s_, "spam", 1);
     refused("log_message", "failed to open or create user log...", {true});
-    EXPECT_EQ(lines_of(kAxlog).size(), 2u);
-    EXPECT_EQ(lines_of(second + "/axlog").size(), 1u);
+    EXPECT_EQ(slurp(kAxlog), line + line);
+    EXPECT_EQ(slurp(second + "/axlog"), line);
 }
 
 TEST_F(MessageLogTest, AuthenticationOutcomesAndRefusals) {
@@ -501,23 +437,17 @@ TEST_F(MessageLogTest, AuthenticationOutcomesAndRefusals) {
     char* names[] = {keep("c.example"), nullptr};
     s_.ptr_names = names, s_.auth_user = nullptr, s_.port = nullptr;
     log_auth_message(&s_, ARDVEX_AUTH_EXEMPT, "trusted");
-    const std::string rest = ": ip=[192.0.2.7:(null):DE],port=<2525>,tls=<yes>,auth=<alice>";
-    EXPECT_EQ(lines_of(kLogDir + "axauthlog"),
-              (std::vector<std::string>{
-                  head() + "PASS" + rest, head() + "BLOCK[bad password]" + rest,
-                  head() + "EXEMPT[trusted]: ip=[192.0.2.7:c.example:DE],port=<(unknown)>,"
-                           "tls=<yes>,auth=<(null)>"}));
+    const std::string rest = ": ip=[192.0.2.7:(null):DE],port=<2525>,tls=<yes>,auth=<alice>\r\n";
+    const std::string written = slurp(kLogDir + "axauthlog");
+    EXPECT_EQ(written, head() + "PASS" + rest + head() + "BLOCK[bad password]" + rest + head() +
+                           "EXEMPT[trusted]: ip=[192.0.2.7:c.example:DE],port=<(unknown)>,"
+                           "tls=<yes>,auth=<(null)>\r\n");
 
-    auto call = [](spam_session* s, int type, const char* reason) {
-        log_auth_message(s, type, reason);
-        return true;
-    };
-    refused("log_auth_message", std::strerror(EINVAL),
-            {call(nullptr, 1, "r"), call(&s_, 0, "r"), call(&s_, 4, "r"), call(&s_, 2, ""),
-             call(&s_, 3, nullptr)});
-    EXPECT_EQ(lines_of(kLogDir + "axauthlog").size(), 3u);
-    EXPECT_EQ(std::distance(fs::directory_iterator(kLogDir), fs::directory_iterator()), 1)
-        << "nothing else written, nothing counted";
+    const std::tuple<spam_session*, int, const char*> invalid[] = {
+        {nullptr, 1, "r"}, {&s_, 0, "r"}, {&s_, 4, "r"}, {&s_, 2, ""}, {&s_, 3, nullptr}};
+    for (const auto& [s, type, reason] : invalid) log_auth_message(s, type, reason);
+    refused("log_auth_message", std::strerror(EINVAL), {true, true, true, true, true});
+    EXPECT_EQ(slurp(kLogDir + "axauthlog"), written);
 }
 
 TEST_F(MessageLogTest, UnusableSharedLogEndsTheCallQuietly) {
@@ -543,61 +473,47 @@ TEST_F(MessageLogTest, ConcurrentProcessesLoseNoCountAndTearNoLine) {
     const char* size = std::getenv("ARDVEX_LOAD_MESSAGES");
     const int per_process = size != nullptr ? std::atoi(size) : 400;
     ASSERT_GT(per_process, 0);
-    record expected{};
-    uint32_t* by_type[] = {&expected.ham,        &expected.spam,       &expected.exempt,
-                           &expected.ratelimit1, &expected.ratelimit2, &expected.ham,
-                           &expected.spam};
-    for (int i = 0; i < per_process; ++i) {
-        *by_type[i % 7] += kProcesses;
-        (i % 3 == 0 ? expected.authenticated : expected.unauthenticated) += kProcesses;
-    }
+    const uint32_t total = kProcesses * per_process;
 
     ::unsetenv("VERBOSEDEBUG");  // children log quietly
     ow::testing::reset_debug_decision();
     ow_set_log_function(nullptr);
     log_program_name = "load";
-    std::vector<pid_t> children;
     for (int p = 0; p < kProcesses; ++p) {
-        const pid_t pid = fork();
-        if (pid == 0) {
+        if (fork() == 0) {
             spam_session s{};
             s.ip = keep("192.0.2." + std::to_string(p + 1));
             for (int i = 0; i < per_process; ++i) {
                 s.mail_from = keep("p" + std::to_string(p) + "-" + std::to_string(i));
-                s.authenticated = i % 3 == 0;
-                log_message(&s, "rule", static_cast<uint8_t>(i % 7));
+                log_message(&s, "rule", 1);
             }
             _exit(0);
         }
-        children.push_back(pid);
     }
-    for (pid_t pid : children) {
+    for (int p = 0; p < kProcesses; ++p) {
         int status = 0;
-        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-                    WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(wait(&status) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     ow_set_log_function(&ow_test::capture_sink);
 
     for (record r : {record_at(daily(kLogDir, 7), 3), record_at(hourly(kLogDir), 9)}) {
         r.period_start = 0;
-        EXPECT_TRUE(same(r, expected)) << "ham " << r.ham << " auth " << r.authenticated;
+        EXPECT_TRUE(same(r, {0, 0, total, 0, 0, 0, total, 0})) << "spam " << r.spam;
     }
-    const auto lines = lines_of(kAxlog);
-    EXPECT_EQ(lines.size(), static_cast<std::size_t>(kProcesses * per_process));
     static const std::regex shape(
-        R"(2026-07-04 09:08:07 load\[\d+\]: (HAM|NDR|(SPAM|EXEMPT|RATELIMIT|QUARANTINE)\[rule\]))"
-        R"(: mua=\[(yes|no):\(null\)\],ip=\[192\.0\.2\.(\d):\(null\):\(null\)\],)"
-        R"(port=<\(unknown\)>,tls=<no>,helo=<\(null\)>,from=<p(\d)-(\d+)>,rcpt=<\(null\)>)");
-    std::map<int, int> next;  // per process, the sequence number due next
-    int malformed = 0;
-    for (const std::string& line : lines) {
+        R"(2026-07-04 09:08:07 load\[\d+\]: SPAM\[rule\]: mua=\[no:\(null\)\],)"
+        R"(ip=\[192\.0\.2\.(\d):\(null\):\(null\)\],)"
+        R"(port=<\(unknown\)>,tls=<no>,helo=<\(null\)>,from=<p(\d)-(\d+)>,rcpt=<\(null\)>\r)");
+    std::vector<int> next(10);  // per process, the sequence number due next
+    std::istringstream lines(slurp(kAxlog));
+    uint32_t written = 0;
+    for (std::string line; std::getline(lines, line); ++written) {
         std::smatch m;
-        const bool ok = std::regex_match(line, m, shape) &&
-                        std::stoi(m[4]) == std::stoi(m[5]) + 1 &&
-                        std::stoi(m[6]) == next[std::stoi(m[5])]++;
-        if (!ok && ++malformed <= 3) ADD_FAILURE() << "torn or out of order: " << line;
+        ASSERT_TRUE(std::regex_match(line, m, shape) && std::stoi(m[1]) == std::stoi(m[2]) + 1 &&
+                    std::stoi(m[3]) == next[std::stoi(m[2])]++)
+            << "torn or out of order: " << line;
     }
-    EXPECT_EQ(malformed, 0);
+    EXPECT_EQ(written, total);
 }
 
 }  // namespace

@@ -57,7 +57,6 @@ TEST_F(RuleListsTest, StartedEngineLooksFieldsUpInListAndRangeFiles) {
         {"from_whitelist", &spam_session::mail_from, "anyone@Partner.Example", true},
         {"from_whitelist", &spam_session::mail_from, "anyone@partner.example.net", false},
         {"from_whitelist", &spam_session::mail_from, "Boss@Corp.Example", true},
-        {"from_whitelist", &spam_session::mail_from, "spam@bad.example", false},
         {"from_blacklist", &spam_session::mail_from, "spam@bad.example", true},
         {"to_whitelist", &spam_session::rcpt_to, "postmaster@here.example", true},
         {"to_whitelist", &spam_session::rcpt_to, "user@here.example", false},
@@ -132,14 +131,11 @@ TEST_F(RuleListsTest, HooksRefuseMissingFields) {
         {countryblacklist_hook, "countryblacklist_hook", &spam_session::country},
     };
     for (const auto& [hook, name, f] : hooks) {
-        const bool empty = !hook(&with(f, ""));
-        if (hook == countryblacklist_hook) {  // no country known is no mistake: no line
-            EXPECT_TRUE(empty);
-            ow_test::refused(name, "Invalid argument", {!hook(nullptr), !hook(&with(f, nullptr))});
-        } else {
-            ow_test::refused(name, "Invalid argument",
-                             {!hook(nullptr), !hook(&with(f, nullptr)), empty});
-        }
+        EXPECT_FALSE(hook(&with(f, "")));
+        // No country known is no mistake: no line.
+        EXPECT_EQ(ow_test::has_error(name, "Invalid argument"), hook != countryblacklist_hook);
+        clear_log();
+        ow_test::refused(name, "Invalid argument", {!hook(nullptr), !hook(&with(f, nullptr))});
     }
 }
 
