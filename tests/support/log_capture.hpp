@@ -16,21 +16,18 @@ struct log_line {
     std::string text;
 };
 
-// The sink: formats each call and appends it to the captured lines.
 void capture_sink(int priority, const char* format, ...);
 std::vector<log_line>& captured();
 
 // True when some captured line is an ERROR (or DEBUG) line of func carrying exactly message.
 bool has_error(const std::string& func, const std::string& message);
 bool has_debug(const std::string& func, const std::string& message);
-// Number of ERROR lines captured.
 std::size_t error_count();
 // All captured lines, one per line, for failure messages.
 std::string dump();
 
-// EXPECTs that every call of the group failed and that the log holds one ERROR line of func
-// with exactly msg per call and no other ERROR line of func (the lines of the callees it
-// reports through may stand beside them); then clears the log for the next group.
+// EXPECTs that every call failed, each with one ERROR line of func of exactly msg and no other
+// line of func (its callees' lines may stand beside them); then clears the log.
 void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed);
 
 // Installs the capturing sink, enables DEBUG lines for the test, and resets the allocation
