@@ -66,8 +66,7 @@ TEST_F(ClibsTest, GetenvHandsOutAPrivateCopyAndRefusals) {
     ASSERT_TRUE(__getenv("OW_TEST_VAR", &value));  // the old string is freed (ASan checks)
     setenv("OW_TEST_VAR", "changed", 1);
     EXPECT_STREQ(value, "value one") << "the copy must not follow the environment";
-    ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value));
-    EXPECT_STREQ(value, "");
+    ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value) && *value == '\0') << value;
     char* const kept = value;
     EXPECT_FALSE(__getenv("OW_TEST_MISSING", &value));
     EXPECT_NO_ERRORS();

@@ -135,9 +135,7 @@ TEST_F(FileTest, WritesSeeksSizesAndReadsLineByLine) {
     EXPECT_TRUE(ow_seek(fd, 40, SEEK_SET));
     EXPECT_EQ(ow_filesize(fd), 5 + 1022) << "the refused text was written";
     EXPECT_EQ(ow_tell(fd), 40) << "ow_filesize moved the position";
-    EXPECT_TRUE(ow_truncate(fd));
-    EXPECT_EQ(ow_filesize(fd), 40);
-    EXPECT_TRUE(ow_close(fd));
+    EXPECT_TRUE(ow_truncate(fd) && ow_close(fd));
     EXPECT_EQ(slurp(path("f")), "n=42;" + std::string(35, 'a'));
     // A longer line comes in buffer-sized pieces; a CR before the LF goes, even alone.
     ow_test::spit(path("lines"), "a\r\nb\n\r\nabcdefgh\nz");

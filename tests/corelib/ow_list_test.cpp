@@ -18,8 +18,7 @@ strings texts(const ow_list* l, bool sizes = false) {
     return out;
 }
 
-// A comparator for an array of string pointers, used unchanged on list entries: by the
-// first character only, so entries that differ later are "equal".
+// An array-of-strings comparator used unchanged on entries: "a1" and "a2" are equal.
 int by_first_char(const void* a, const void* b) {
     return **static_cast<char* const*>(a) - **static_cast<char* const*>(b);
 }
@@ -109,8 +108,8 @@ TEST_F(ListTest, SearchRemoveAndPositionalAccess) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(ListTest, RefusedArguments) {
-    const std::string inval = std::strerror(EINVAL);
+TEST_F(ListTest, RefusalsAndAllocationFailures) {
+    const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
     char a[] = "a";
     refused("ow_append_list_entry", inval,
             {ow_append_list_entry(nullptr, a, 1, true) == -1,
@@ -130,13 +129,6 @@ TEST_F(ListTest, RefusedArguments) {
     refused("ow_list_sort", inval, {!ow_list_sort(&list_, nullptr)});
     ow_destroy_list(nullptr, std::free);
     refused("ow_destroy_list", inval, {true});
-    EXPECT_EQ(texts(list_), strings{"x"});
-}
-
-TEST_F(ListTest, AllocationFailures) {
-    const std::string enomem = std::strerror(ENOMEM);
-    char a[] = "a";
-    add({"first"});
     for (long n : {1, 2}) {
         ow::testing::fail_allocation(n);
         EXPECT_EQ(ow_append_list_entry(&list_, a, 2, true), -1 - n);  // the record, the copy
@@ -145,10 +137,9 @@ TEST_F(ListTest, AllocationFailures) {
     ow::testing::fail_allocation(2);
     EXPECT_EQ(ow_prepend_list_entry(&list_, a, 2, true), -3);
     refused("ow_prepend_list_entry", enomem, {true});
-    EXPECT_EQ(texts(list_), strings{"first"});
-
-    // Split "p,q": piece, entry, piece, entry. Failing the second piece keeps the first;
-    // failing its entry cancels the append and frees the piece.
+    EXPECT_EQ(texts(list_), strings{"x"});
+    // "p,q": piece, entry, piece, entry; failing the second piece keeps "p", failing its entry
+    // cancels the append and frees the piece.
     for (long n : {3, 4}) {
         ow_destroy_list(&list_, std::free);
         clear_log();

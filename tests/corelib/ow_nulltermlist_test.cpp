@@ -1,4 +1,4 @@
-// Tests of the NULL-terminated string arrays, their failure paths and log lines.
+// The NULL-terminated string arrays, their failure paths and log lines.
 #include "ow_nulltermlist.h"
 
 #include <tuple>
@@ -72,10 +72,10 @@ TEST_F(NullTermListTest, GrowFindEqualAndRemove) {
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(NullTermListTest, RefusedArguments) {
+TEST_F(NullTermListTest, RefusalsAndFailedGrowth) {
     char a[] = "a";
     char* one[] = {a, nullptr};
-    const std::string inval = std::strerror(EINVAL);
+    const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
     refused("ow_lstcat", inval, {!ow_lstcat(nullptr, a), !ow_lstcat(&list_, nullptr)});
     refused("ow_lstappend", inval, {!ow_lstappend(nullptr, one), !ow_lstappend(&list_, nullptr)});
     refused("ow_lstfind", inval, {!ow_lstfind(one, nullptr, nullptr)});
@@ -84,12 +84,7 @@ TEST_F(NullTermListTest, RefusedArguments) {
             {!ow_lstremove(nullptr, 0, std::free), !ow_lstremove(one, 1, nullptr)});
     EXPECT_EQ(list_, nullptr);
     EXPECT_EQ(entries(one), strings{"a"});
-}
-
-TEST_F(NullTermListTest, FailedGrowthKeepsTheOldArray) {
-    const std::string enomem = std::strerror(ENOMEM);
-    // Splitting "x y": piece copy, block growth, piece copy, block growth. Failing the
-    // growth for "y" keeps "x" and frees the copy of "y".
+    // "x y": copy, growth, copy, growth; failing the growth for "y" keeps "x", frees the copy.
     ow::testing::fail_allocation(4);
     const bool failed = !ow_lstsplode_ex(&list_, "x y", ' ', false);
     EXPECT_ERROR_LINE("ow_lstcat", enomem);

@@ -12,8 +12,8 @@ namespace {
 using ow_test::refused;
 using PipeTest = ow_test::LogCaptureTest;
 
-// With OW_PIPE_TEST_ARGV set, this program only prints its argv as "arg|arg|...|": the one way
-// to see argv[0] and the word boundaries exactly.
+// With OW_PIPE_TEST_ARGV set, this program prints its argv as "arg|arg|...|" (word boundaries
+// and argv[0] exactly) and exits.
 const bool g_printed_argv = [] {
     if (std::getenv("OW_PIPE_TEST_ARGV") == nullptr) return false;
     std::string cmdline = ow_test::slurp("/proc/self/cmdline");
