@@ -14,8 +14,7 @@ using op_fn = std::function<bool(char**)>;
 // A call on the string s; a void call's result is that it wrote no ERROR line.
 #define OP(...) op_fn([&]([[maybe_unused]] char** s) -> bool { return (__VA_ARGS__); })
 #define OP_VOID(...) OP((__VA_ARGS__), ow_test::error_count() == 0)
-const std::string kEinval = std::strerror(EINVAL);
-const std::string kEnomem = std::strerror(ENOMEM);
+const std::string kEinval = std::strerror(EINVAL), kEnomem = std::strerror(ENOMEM);
 
 char* heap(const char* s) { return s == nullptr ? nullptr : strdup(s); }
 

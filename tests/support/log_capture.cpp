@@ -64,7 +64,6 @@ void LogCaptureTest::TearDown() {
     ow::testing::fail_allocation(0);
     ow_set_log_function(nullptr);
     ow_set_oom_handler(nullptr);
-    captured().clear();
 }
 
 void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed) {
