@@ -30,9 +30,8 @@ TEST_F(ClibsTest, StopwatchMeasuresFromOneStartAndBorrowsASecond) {
 // Root lends its effective id and takes it back; without root a process stays what it is.
 TEST_F(ClibsTest, RunAsLendsTheEffectiveIdOnlyFromRoot) {
     if (geteuid() != 0) GTEST_SKIP() << "switching users needs root; running as " << geteuid();
-    const char* account = "ardvex-test";  // created once and left for the next run
-    ow_test::sh("id ardvex-test >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin ardvex-test");
-    if (getpwnam(account) == nullptr) GTEST_SKIP() << "cannot create the account " << account;
+    const char* account = "daemon";  // neither root nor nobody
+    if (getpwnam(account) == nullptr) GTEST_SKIP() << "no account " << account;
     const uid_t uid = getpwnam(account)->pw_uid;
     std::string euids;  // after each switch; the real id stays root throughout
     for (const char* user : {account, account, "nobody", "root", "root"}) {
@@ -66,8 +65,7 @@ TEST_F(ClibsTest, GetenvHandsOutAPrivateCopyAndRefusals) {
     ASSERT_TRUE(__getenv("OW_TEST_VAR", &value));  // the old string is freed (ASan checks)
     setenv("OW_TEST_VAR", "changed", 1);
     EXPECT_STREQ(value, "value one") << "the copy must not follow the environment";
-    ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value));
-    EXPECT_STREQ(value, "");
+    ASSERT_TRUE(__getenv("OW_TEST_EMPTY", &value) && *value == '\0') << value;
     char* const kept = value;
     EXPECT_FALSE(__getenv("OW_TEST_MISSING", &value));
     EXPECT_NO_ERRORS();

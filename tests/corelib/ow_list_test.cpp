@@ -1,5 +1,4 @@
-// Tests of the linked list: insertion and its counts, splitting, the stable sort, searches,
-// removal, positional access, and the refusals and allocation failures with their lines.
+// The linked list: insertion, splitting, the stable sort, searches, removal and positions.
 #include "ow_list.h"
 
 #include "ow_internal.hpp"
@@ -10,7 +9,6 @@ namespace {
 using ow_test::refused;
 using strings = std::vector<std::string>;
 
-// Each entry's text, with ":size" after it when asked.
 strings texts(const ow_list* l, bool sizes = false) {
     strings out;
     for (; l != nullptr; l = l->next) {
@@ -20,8 +18,7 @@ strings texts(const ow_list* l, bool sizes = false) {
     return out;
 }
 
-// A comparator for an array of string pointers, used unchanged on list entries: by the
-// first character only, so entries that differ later are "equal".
+// An array-of-strings comparator used unchanged on entries: "a1" and "a2" are equal.
 int by_first_char(const void* a, const void* b) {
     return **static_cast<char* const*>(a) - **static_cast<char* const*>(b);
 }
@@ -102,19 +99,17 @@ TEST_F(ListTest, SearchRemoveAndPositionalAccess) {
 
     ow_list* middle = list_->next;
     ASSERT_TRUE(ow_list_remove_ex(&list_, middle, false, std::free));  // handed back
-    EXPECT_EQ(middle->next, nullptr);
-    EXPECT_STREQ(static_cast<char*>(middle->data), "ABC");
+    EXPECT_EQ(texts(middle), strings{"ABC"});                          // unlinked
     EXPECT_FALSE(ow_list_remove_ex(&list_, middle, true, std::free));  // no longer there
     ow_list_free_entry(middle, true, std::free);
     EXPECT_EQ(texts(list_->next), strings{"abcdef"});
-    ASSERT_TRUE(ow_list_remove_ex(&list_, list_, true, std::free));
-    ASSERT_TRUE(ow_list_remove_ex(&list_, list_, true, std::free));
-    EXPECT_EQ(list_, nullptr);
+    EXPECT_TRUE(ow_list_remove_ex(&list_, list_, true, std::free) &&
+                ow_list_remove_ex(&list_, list_, true, std::free) && list_ == nullptr);
     EXPECT_NO_ERRORS();
 }
 
-TEST_F(ListTest, RefusedArguments) {
-    const std::string inval = std::strerror(EINVAL);
+TEST_F(ListTest, RefusalsAndAllocationFailures) {
+    const std::string inval = std::strerror(EINVAL), enomem = std::strerror(ENOMEM);
     char a[] = "a";
     refused("ow_append_list_entry", inval,
             {ow_append_list_entry(nullptr, a, 1, true) == -1,
@@ -134,13 +129,6 @@ TEST_F(ListTest, RefusedArguments) {
     refused("ow_list_sort", inval, {!ow_list_sort(&list_, nullptr)});
     ow_destroy_list(nullptr, std::free);
     refused("ow_destroy_list", inval, {true});
-    EXPECT_EQ(texts(list_), strings{"x"});
-}
-
-TEST_F(ListTest, AllocationFailures) {
-    const std::string enomem = std::strerror(ENOMEM);
-    char a[] = "a";
-    add({"first"});
     for (long n : {1, 2}) {
         ow::testing::fail_allocation(n);
         EXPECT_EQ(ow_append_list_entry(&list_, a, 2, true), -1 - n);  // the record, the copy
@@ -149,10 +137,9 @@ TEST_F(ListTest, AllocationFailures) {
     ow::testing::fail_allocation(2);
     EXPECT_EQ(ow_prepend_list_entry(&list_, a, 2, true), -3);
     refused("ow_prepend_list_entry", enomem, {true});
-    EXPECT_EQ(texts(list_), strings{"first"});
-
-    // Split "p,q": piece, entry, piece, entry. Failing the second piece keeps the first;
-    // failing its entry cancels the append and frees the piece.
+    EXPECT_EQ(texts(list_), strings{"x"});
+    // "p,q": piece, entry, piece, entry; failing the second piece keeps "p", failing its entry
+    // cancels the append and frees the piece.
     for (long n : {3, 4}) {
         ow_destroy_list(&list_, std::free);
         clear_log();

@@ -1,9 +1,9 @@
 // log_capture.cpp: the capturing sink behind the test fixture.
 #include "log_capture.hpp"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <regex>
 
 #include "ow_internal.hpp"
@@ -26,31 +26,23 @@ void capture_sink(int priority, const char* format, ...) {
 }
 
 namespace {
+// "<file>:<line> KIND func(): message" where file has no directory part.
 bool has_line(const char* kind, const std::string& func, const std::string& message) {
-    const std::string middle = std::string(" ") + kind + " " + func + "(): " + message;
-    for (const auto& l : captured()) {
-        // "<file>:<line> KIND func(): message" where file has no directory part.
-        auto pos = l.text.find(middle);
-        if (pos == std::string::npos || pos + middle.size() != l.text.size()) continue;
-        std::string prefix = l.text.substr(0, pos);
-        static const std::regex position(R"(^[A-Za-z0-9_.+-]+:[0-9]+$)");
-        if (std::regex_match(prefix, position)) return true;
-    }
-    return false;
+    static const std::regex position(R"([A-Za-z0-9_.+-]+:[0-9]+)");
+    const std::string tail = std::string(" ") + kind + " " + func + "(): " + message;
+    return std::ranges::any_of(captured(), [&](const log_line& l) {
+        return l.text.ends_with(tail) &&
+               std::regex_match(l.text.substr(0, l.text.size() - tail.size()), position);
+    });
 }
 }  // namespace
 
-bool has_error(const std::string& func, const std::string& message) {
-    return has_line("ERROR", func, message);
-}
-bool has_debug(const std::string& func, const std::string& message) {
-    return has_line("DEBUG", func, message);
-}
+bool has_error(const std::string& func, const std::string& m) { return has_line("ERROR", func, m); }
+bool has_debug(const std::string& func, const std::string& m) { return has_line("DEBUG", func, m); }
 
 std::size_t error_count() {
-    std::size_t n = 0;
-    for (const auto& l : captured()) n += l.text.find(" ERROR ") != std::string::npos;
-    return n;
+    return std::ranges::count_if(
+        captured(), [](const log_line& l) { return l.text.find(" ERROR ") != std::string::npos; });
 }
 
 std::string dump() {
@@ -72,7 +64,6 @@ void LogCaptureTest::TearDown() {
     ow::testing::fail_allocation(0);
     ow_set_log_function(nullptr);
     ow_set_oom_handler(nullptr);
-    captured().clear();
 }
 
 void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed) {

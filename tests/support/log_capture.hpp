@@ -1,5 +1,4 @@
-// log_capture.hpp: a log sink that keeps every line a test provokes, and a fixture that
-// installs it, so tests can assert the exact text of what a call wrote.
+// log_capture.hpp: a sink keeping every log line a test provokes, to assert their exact text.
 #ifndef ARDVEX_TESTS_LOG_CAPTURE_HPP
 #define ARDVEX_TESTS_LOG_CAPTURE_HPP
 
@@ -16,25 +15,21 @@ struct log_line {
     std::string text;
 };
 
-// The sink: formats each call and appends it to the captured lines.
 void capture_sink(int priority, const char* format, ...);
 std::vector<log_line>& captured();
 
 // True when some captured line is an ERROR (or DEBUG) line of func carrying exactly message.
 bool has_error(const std::string& func, const std::string& message);
 bool has_debug(const std::string& func, const std::string& message);
-// Number of ERROR lines captured.
 std::size_t error_count();
 // All captured lines, one per line, for failure messages.
 std::string dump();
 
-// EXPECTs that every call of the group failed and that the log holds one ERROR line of func
-// with exactly msg per call and no other ERROR line of func (the lines of the callees it
-// reports through may stand beside them); then clears the log for the next group.
+// EXPECTs that every call failed, each with one ERROR line of func of exactly msg and no other
+// line of func (its callees' lines may stand beside them); then clears the log.
 void refused(const std::string& func, const std::string& msg, std::initializer_list<bool> failed);
 
-// Installs the capturing sink, enables DEBUG lines for the test, and resets the allocation
-// failure injection on both ends of each test.
+// Installs the sink and DEBUG lines; resets the allocation failure injection at both ends.
 class LogCaptureTest : public ::testing::Test {
    protected:
     void SetUp() override;
@@ -45,7 +40,6 @@ class LogCaptureTest : public ::testing::Test {
 
 }  // namespace ow_test
 
-// EXPECT that an ERROR line of func with exactly msg was written.
 #define EXPECT_ERROR_LINE(func, msg) \
     EXPECT_TRUE(::ow_test::has_error(func, msg)) << "log was:\n" << ::ow_test::dump()
 #define EXPECT_NO_ERRORS() \
