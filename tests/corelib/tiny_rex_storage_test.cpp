@@ -1,5 +1,4 @@
-// Tests of the compiled pattern files: store and read back, record bounds, damaged records
-// passed over, the end of the list and foreign files.
+// Compiled pattern files: their records, their bounds and damaged or foreign files.
 #include "tiny_rex_storage.h"
 
 #include <tuple>
@@ -54,9 +53,8 @@ TEST_F(TinyRexStorageTest, StoredPatternsReadBackAndIgnoreCase) {
     EXPECT_FALSE(trs_next(fp, &read_back));
     std::free(read_back.nodes);
     std::fclose(fp);
-    for (const char* s : {"MAIL12.EXAMPLE.COM", "ppp.DSL.example.NET", "Bx", "zzz"}) {
+    for (const char* s : {"MAIL12.EXAMPLE.COM", "ppp.DSL.example.NET", "Bx", "zzz"})
         EXPECT_TRUE(compiled_regex_match(file.c_str(), s)) << s;
-    }
     EXPECT_FALSE(compiled_regex_match(file.c_str(), "mail.example.com"));
     EXPECT_NO_ERRORS();
 }
@@ -75,9 +73,8 @@ TEST_F(TinyRexStorageTest, ScanOfAFile) {
     constexpr int32_t kClasses = 30, kMembers = 4000, kFirstMember = 2 + kClasses + 2;
     for (int32_t i = 0; i < kClasses; ++i) classes.push_back({OP_CLASS, kFirstMember, -1, 3 + i});
     classes.insert(classes.end(), {{OP_ANY_RUN, -1, -1, 3 + kClasses}, {OP_EOL, -1, -1, -1}});
-    for (int32_t i = kFirstMember; i < kFirstMember + kMembers - 1; ++i) {
+    for (int32_t i = kFirstMember; i < kFirstMember + kMembers - 1; ++i)
         classes.push_back({'b' + i % 20, -1, -1, i + 1});
-    }
     classes.push_back({'a', -1, -1, -1});
     const std::string as(kClasses, 'a');
     // Found by fuzzing, shapes no compiler writes: a repeated line start matches by itself,
