@@ -64,6 +64,13 @@ class Hashmap : public ow_test::ScratchTest {
         }
         return out;
     }
+    std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_hashmap* m,
+                       const char* name = nullptr) {
+        FILE* out = std::fopen(path("rendered").c_str(), "w");
+        fn(out, m, name);
+        std::fclose(out);
+        return ow_test::slurp(path("rendered"));
+    }
     std::vector<ow_hashmap*> maps_;
 };
 
@@ -400,16 +407,6 @@ TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
     EXPECT_EQ(contents(small), "a=a b=b c=c d=d e=e f=f");
 }
 
-std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_hashmap* m,
-                   const char* name = nullptr) {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    fn(out, m, name);
-    std::fclose(out);
-    const ow::unique_cstr owned(text);
-    return std::string(text, size);
-}
 // Both texts are read by people and programs outside the library: their layout is fixed.
 TEST_F(Hashmap, DumpAndStaticSourceLayOutEverySlot) {
     const std::string d =

@@ -97,7 +97,6 @@ TEST_F(Xml, OutOfMemoryReleasesEverything) {
     const long before = ow::testing::allocation_count();
     ow_xml_destroy_node(ow_xml_string_to_node(doc, nullptr, nullptr));
     const long needed = ow::testing::allocation_count() - before;
-    ASSERT_GT(needed, 5);
     for (long n = 1; n <= needed; ++n) {
         clear_log();
         ow::testing::fail_allocation(n);
