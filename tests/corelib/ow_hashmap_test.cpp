@@ -234,7 +234,6 @@ TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
         ASSERT_TRUE(ow_map_remove(m, keys[hole].c_str()));
         ASSERT_TRUE(put(m, keys[hole], "back"));
         EXPECT_EQ(m->pairs[hole]->key, keys[hole]);
-        EXPECT_EQ(m->num_buckets, 1u);
 
         ASSERT_TRUE(put(m, lookalikes[width], "over"));
         EXPECT_GE(m->num_buckets, 5u);
