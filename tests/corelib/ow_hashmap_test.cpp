@@ -64,6 +64,13 @@ class Hashmap : public ow_test::ScratchTest {
         }
         return out;
     }
+    std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_hashmap* m,
+                       const char* name = nullptr) {
+        FILE* out = std::fopen(path("rendered").c_str(), "w");
+        fn(out, m, name);
+        std::fclose(out);
+        return ow_test::slurp(path("rendered"));
+    }
     std::vector<ow_hashmap*> maps_;
 };
 
@@ -174,7 +181,6 @@ TEST_F(Hashmap, FullBucketGrowsOrFailsWithEveryPairInPlace) {
     keys.push_back("mover");
     expect_order(m, keys);
 
-    // The first table of a (0, 0) map cannot be allocated.
     ow_hashmap* fresh = make();
     ow::testing::fail_allocation(3);  // pair, copy, table
     EXPECT_FALSE(put(fresh, "k", "v"));
@@ -228,7 +234,6 @@ TEST_F(Hashmap, WideBucketsAndLookalikeHashesKeepKeysApart) {
         ASSERT_TRUE(ow_map_remove(m, keys[hole].c_str()));
         ASSERT_TRUE(put(m, keys[hole], "back"));
         EXPECT_EQ(m->pairs[hole]->key, keys[hole]);
-        EXPECT_EQ(m->num_buckets, 1u);
 
         ASSERT_TRUE(put(m, lookalikes[width], "over"));
         EXPECT_GE(m->num_buckets, 5u);
@@ -280,11 +285,7 @@ TEST_F(Hashmap, StaticMapsAreReadOnlyAndVisitEverySlotOnceEachWay) {
 // Removing through the iterator leaves it in a gap both directions go on from (ASan: no stale
 // pointer), first and last pairs included.
 TEST_F(Hashmap, IteratorRemoveLeavesAGapBothDirectionsLeave) {
-    const struct {
-        uint32_t direction;
-        const char* script;
-        keys_t left;
-    } cases[] = {
+    const std::tuple<uint32_t, const char*, keys_t> cases[] = {
         // Past the end, at the last pair, past the end again, down to before the first pair.
         {1,
          "P:three N:- p:three N:- n:- n:- p:three p:two p:one P:- p:- p:- N:one n:one",
@@ -294,14 +295,14 @@ TEST_F(Hashmap, IteratorRemoveLeavesAGapBothDirectionsLeave) {
         {1, "p:three r:- p:two r:- p:one r:- p:- n:-", {}},
         {1, "r:x p:three p:two r:- n:three p:one r:- n:three p:-", {"three"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.script);
+    for (const auto& [direction, script, left] : cases) {
+        SCOPED_TRACE(script);
         ow_hashmap* m = make({"one", "two", "three"});
-        ow_map_iterator* it = ow_map_iterator_start_ex(m, c.direction);
-        run_script(it, c.script);
+        ow_map_iterator* it = ow_map_iterator_start_ex(m, direction);
+        run_script(it, script);
         ow_map_iterator_end(it);
-        expect_order(m, c.left);
-        EXPECT_EQ(ow_map_count(m), c.left.size());
+        expect_order(m, left);
+        EXPECT_EQ(ow_map_count(m), left.size());
     }
     EXPECT_ERROR_LINE("ow_map_iterator_remove", std::strerror(EINVAL));
 }
@@ -405,16 +406,6 @@ TEST_F(Hashmap, CopiesOwnTheirCopiesAndShareTheRestSafely) {
     EXPECT_EQ(contents(small), "a=a b=b c=c d=d e=e f=f");
 }
 
-std::string render(void (*fn)(FILE*, const ow_hashmap*, const char*), const ow_hashmap* m,
-                   const char* name = nullptr) {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    fn(out, m, name);
-    std::fclose(out);
-    const ow::unique_cstr owned(text);
-    return std::string(text, size);
-}
 // Both texts are read by people and programs outside the library: their layout is fixed.
 TEST_F(Hashmap, DumpAndStaticSourceLayOutEverySlot) {
     const std::string d =
@@ -500,9 +491,8 @@ int main(void) {
     ASSERT_EQ(ow_test::sh(path("prog") + " > " + path("out")), 0);
     std::istringstream out(ow_test::slurp(path("out")));
     std::set<std::string> got;
-    for (std::string k, v; std::getline(out, k, '\0') && std::getline(out, v, '\0');) {
+    for (std::string k, v; std::getline(out, k, '\0') && std::getline(out, v, '\0');)
         got.insert(k + "=" + v);
-    }
     EXPECT_EQ(got, expected);
 }
 
@@ -542,8 +532,10 @@ TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
     ow_hashmap* m = make();
     keys_t keys, kept;
     std::mt19937 rng(7);
-    for (int i = 0; i < 3000; ++i) keys.push_back("k" + std::to_string(rng()));
-    for (const auto& k : keys) ASSERT_TRUE(put(m, k, std::string(rng() % 300, 'v')));
+    for (int i = 0; i < 3000; ++i) {
+        keys.push_back("k" + std::to_string(rng()));
+        ASSERT_TRUE(put(m, keys.back(), std::string(rng() % 300, 'v')));
+    }
     for (int i = 0; i < 3000; i += 3) ASSERT_TRUE(ow_map_remove(m, keys[i].c_str()));
     for (int i = 0; i < 3000; ++i)
         if (i % 3 != 0) kept.push_back(keys[i]);
@@ -558,7 +550,6 @@ TEST_F(MapFile, GrowthsAndRoundTripKeepSlotsOrderAndValueKinds) {
     ASSERT_TRUE(ow_map_store_ex(m, "nine", const_cast<char*>("123456789"), 9, true, nullptr));
     ASSERT_TRUE(ow_map_save(m, file.c_str(), true));
 
-    // Loaded and saved again, the same image: slots, chain, flags, inline and copied values.
     ow_hashmap* back = maps_.emplace_back(ow_map_load(file.c_str()));
     ASSERT_TRUE(ow_map_save(back, path("again").c_str(), true));
     EXPECT_EQ(ow_test::slurp(path("again")), ow_test::slurp(file));
@@ -661,13 +652,8 @@ TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
     const std::string file = path("map");
     const std::string unsplit = "Invalid syntax in control file: [" + file + "]";
     const std::string bad_line = "Invalid syntax in control files: [" + file + "]";
-    const struct {
-        const char* text;
-        uint32_t max;
-        int result;
-        std::string pairs;  // "-": the output is left alone
-        std::string error;  // empty: none
-    } cases[] = {
+    // Text, maximum, result, the pairs ("-": output left alone), the error (empty: none).
+    const std::tuple<const char*, uint32_t, int, std::string, std::string> cases[] = {
         {"a = 1\nb=two words # note\n", 0, 1, "a=1 b=two words", ""},
         {"k=v#c\nx = y = z", 0, 1, "k=v x=y = z", ""},
         {"a=1\nb=2\n", 1, 1, "a=1", ""},
@@ -678,15 +664,15 @@ TEST_F(MapFile, ControlFilesFollowTheirSyntax) {
         {"", 0, 0, "-", ""},
     };
     ow_hashmap untouched{};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [text, max, result, pairs, error] : cases) {
+        SCOPED_TRACE(text);
         clear_log();
-        ow_test::spit(file, c.text);
+        ow_test::spit(file, text);
         ow_hashmap* out = &untouched;
-        ASSERT_EQ(ow_map_load_control_file(file.c_str(), c.max, '=', &out), c.result);
-        EXPECT_TRUE(c.error.empty() || ow_test::has_error("ow_map_load_control_file", c.error))
+        ASSERT_EQ(ow_map_load_control_file(file.c_str(), max, '=', &out), result);
+        EXPECT_TRUE(error.empty() || ow_test::has_error("ow_map_load_control_file", error))
             << ow_test::dump();
-        EXPECT_EQ(out == &untouched ? "-" : contents(maps_.emplace_back(out)), c.pairs);
+        EXPECT_EQ(out == &untouched ? "-" : contents(maps_.emplace_back(out)), pairs);
     }
 }
 
