@@ -262,6 +262,23 @@ TEST_F(TinyRexTest, PreparedAndPlainMatchesGiveUpAtTheSameSubject) {
     }
 }
 
+// Facts prepared for one node array and case mode must not answer for another.
+TEST_F(TinyRexTest, PreparedFactsOnlyServeTheArrayAndCaseModeTheyDescribe) {
+    TRex* exp = trex_compile_ex("\\.netco\\.net$", 1);
+    ASSERT_NE(exp, nullptr);
+    EXPECT_FALSE(trex_match(exp, "a.NETCO.net"));
+    exp->case_mode = 0;
+    EXPECT_TRUE(trex_match(exp, "a.NETCO.net"));
+    std::vector<TRexNode> copy(exp->nodes, exp->nodes + exp->nallocated);
+    copy[4].type = 'x';  // ".nxtco.net"
+    TRex moved = *exp;
+    moved.nodes = copy.data();
+    EXPECT_TRUE(trex_match(&moved, "a.NXTCO.net"));
+    EXPECT_FALSE(trex_match(&moved, "a.netco.net"));
+    trex_free(exp);
+    EXPECT_NO_ERRORS();
+}
+
 TEST_F(TinyRexTest, Escape) {
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"a.b*c", "a\\.b\\*c"},
