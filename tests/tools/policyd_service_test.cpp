@@ -142,6 +142,7 @@ TEST_F(Service, OddStalledVanishingAndManyClientsCostNothingOthersSee) {
     constexpr size_t kFlood = 50000;
     ASSERT_TRUE(send_all(fd, std::string(kFlood, '\n')));
     EXPECT_EQ(answer(fd, 10000, kFlood * kDunno.size()).size(), kFlood * kDunno.size());
+    EXPECT_EQ(answer(fd, 300), "timeout") << "an answer nobody asked for";
     const std::string l = log();
     EXPECT_NE(l.find("malformed request (control byte in the value of sender)"), std::string::npos)
         << l;
